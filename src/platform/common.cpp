@@ -1,0 +1,66 @@
+// Platform services shared by the POSIX systems we run on.
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "platform/platform.h"
+#include "trovalis_config.h"
+
+namespace trv::platform {
+
+namespace {
+char g_override[1024];
+bool g_has_override = false;
+}  // namespace
+
+void set_executable_path_override(const char *path) {
+  g_has_override = path != nullptr && std::strlen(path) < sizeof g_override;
+  if (g_has_override) std::strcpy(g_override, path);
+}
+
+bool executable_path_override(char *buf, size_t size, bool *used) {
+  *used = g_has_override;
+  if (!g_has_override) return false;
+  const size_t len = std::strlen(g_override);
+  if (len >= size) {
+    if (size > 0) buf[0] = '\0';
+    return false;
+  }
+  std::memcpy(buf, g_override, len + 1);
+  return true;
+}
+
+#if TROVALIS_HAVE_SEM_TIMEDWAIT
+int sem_wait_for(sem_t *sem, long ms) {
+  timespec deadline{};
+  clock_gettime(CLOCK_REALTIME, &deadline);
+  deadline.tv_sec += ms / 1000;
+  deadline.tv_nsec += (ms % 1000) * 1000000L;
+  if (deadline.tv_nsec >= 1000000000L) {
+    deadline.tv_sec += 1;
+    deadline.tv_nsec -= 1000000000L;
+  }
+  for (;;) {
+    if (sem_timedwait(sem, &deadline) == 0) return 0;
+    if (errno != EINTR) return errno;
+  }
+}
+#else
+// No sem_timedwait (macOS): poll with sem_trywait, backing off from 1 ms to
+// 20 ms so that a short wait stays short and a long one costs little.
+int sem_wait_for(sem_t *sem, long ms) {
+  long waited = 0, step = 1;
+  for (;;) {
+    if (sem_trywait(sem) == 0) return 0;
+    if (errno != EAGAIN && errno != EINTR) return errno;
+    if (waited >= ms) return ETIMEDOUT;
+    timespec pause{0, step * 1000000L};
+    nanosleep(&pause, nullptr);
+    waited += step;
+    if (step < 20) step *= 2;
+  }
+}
+#endif
+
+}  // namespace trv::platform

@@ -1,0 +1,48 @@
+// Linux: the executable's path from /proc, the semaphore's backing file.
+#include <limits.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "platform/platform.h"
+
+namespace trv::platform {
+
+bool executable_path_override(char *buf, size_t size, bool *used);
+
+bool executable_path(char *buf, size_t size) {
+  bool used = false;
+  const bool ok = executable_path_override(buf, size, &used);
+  if (used) return ok;
+  if (size == 0) return false;
+  const ssize_t n = readlink("/proc/self/exe", buf, size);
+  if (n <= 0 || static_cast<size_t>(n) >= size) {
+    buf[0] = '\0';
+    return false;
+  }
+  buf[n] = '\0';
+  return true;
+}
+
+// glibc keeps a named semaphore "/name" as the file /dev/shm/sem.name.
+bool semaphore_file_ok(const char *name, const char **why) {
+  char path[PATH_MAX];
+  const char *bare = name[0] == '/' ? name + 1 : name;
+  if (std::snprintf(path, sizeof path, "/dev/shm/sem.%s", bare) >= static_cast<int>(sizeof path))
+    return true;
+  struct stat st {};
+  if (lstat(path, &st) != 0) return true;  // not there yet: sem_open makes ours
+  if (!S_ISREG(st.st_mode)) {
+    *why = "not a regular file";
+    return false;
+  }
+  if (st.st_uid != geteuid()) {
+    *why = "owned by another user";
+    return false;
+  }
+  return true;
+}
+
+}  // namespace trv::platform

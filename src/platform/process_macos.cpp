@@ -1,0 +1,29 @@
+// macOS: the executable's path from the dynamic loader.
+#include <mach-o/dyld.h>
+
+#include <cstdint>
+#include <cstring>
+
+#include "platform/platform.h"
+
+namespace trv::platform {
+
+bool executable_path_override(char *buf, size_t size, bool *used);
+
+bool executable_path(char *buf, size_t size) {
+  bool used = false;
+  const bool ok = executable_path_override(buf, size, &used);
+  if (used) return ok;
+  if (size == 0 || size > UINT32_MAX) return false;
+  uint32_t len = static_cast<uint32_t>(size);
+  if (_NSGetExecutablePath(buf, &len) != 0) {  // too small: len says how much
+    buf[0] = '\0';
+    return false;
+  }
+  return true;
+}
+
+// macOS keeps named semaphores in the kernel; there is no file to check.
+bool semaphore_file_ok(const char *, const char **) { return true; }
+
+}  // namespace trv::platform

@@ -1,0 +1,260 @@
+// Test harness: sandboxes, in-process attachment and child processes.
+#include "support/sandbox.h"
+
+#include <fcntl.h>
+#include <semaphore.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include "platform/platform.h"
+#include "trovalis.h"
+
+extern char **environ;
+
+namespace trv::test {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string unique_instance() {
+  static std::atomic<int> counter{0};
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "t%d_%d", static_cast<int>(getpid()), counter++);
+  return buf;
+}
+
+std::vector<char *> c_strings(const std::vector<std::string> &v) {
+  std::vector<char *> out;
+  for (const std::string &s : v) out.push_back(const_cast<char *>(s.c_str()));
+  out.push_back(nullptr);
+  return out;
+}
+
+pid_t spawn(const std::vector<std::string> &argv, const std::vector<std::string> &env, int in_fd,
+            int out_fd, int err_fd) {
+  posix_spawn_file_actions_t fa;
+  posix_spawn_file_actions_init(&fa);
+  if (in_fd >= 0) posix_spawn_file_actions_adddup2(&fa, in_fd, 0);
+  if (out_fd >= 0) posix_spawn_file_actions_adddup2(&fa, out_fd, 1);
+  if (err_fd >= 0) posix_spawn_file_actions_adddup2(&fa, err_fd, 2);
+  std::vector<char *> a = c_strings(argv), e = c_strings(env);
+  pid_t pid = -1;
+  if (posix_spawn(&pid, a[0], &fa, nullptr, a.data(), e.data()) != 0) pid = -1;
+  posix_spawn_file_actions_destroy(&fa);
+  return pid;
+}
+
+int decode(int wstatus) {
+  if (WIFEXITED(wstatus)) return WEXITSTATUS(wstatus);
+  if (WIFSIGNALED(wstatus)) return 128 + WTERMSIG(wstatus);
+  return -1;
+}
+
+int wait_for(pid_t pid) {
+  int st = 0;
+  while (waitpid(pid, &st, 0) < 0) {
+    if (errno != EINTR) return -1;
+  }
+  return decode(st);
+}
+
+std::string drain(int fd) {
+  std::string s;
+  char buf[4096];
+  for (;;) {
+    const ssize_t n = read(fd, buf, sizeof buf);
+    if (n > 0) {
+      s.append(buf, static_cast<size_t>(n));
+    } else if (n < 0 && errno == EINTR) {
+      continue;
+    } else {
+      break;
+    }
+  }
+  return s;
+}
+
+}  // namespace
+
+Sandbox::Sandbox(const std::string &ini_text) {
+  char tmpl[] = "/tmp/trovalis-test-XXXXXX";
+  if (mkdtemp(tmpl) == nullptr) throw std::runtime_error("mkdtemp failed");
+  root_ = tmpl;
+  home_ = root_ + "/home";
+  fs::create_directories(home_);
+  fs::create_directories(root_ + "/bin");
+  instance_ = unique_instance();
+  write("TEXMF.INI", ini_text);
+}
+
+Sandbox::~Sandbox() {
+  shm_unlink(region_name().c_str());
+  sem_unlink(lock_name().c_str());
+  std::error_code ec;
+  fs::remove_all(root_, ec);
+}
+
+void Sandbox::write(const std::string &rel, const std::string &text) const {
+  const fs::path p = fs::path(root_) / rel;
+  fs::create_directories(p.parent_path());
+  std::ofstream(p, std::ios::binary) << text;
+}
+
+std::string Sandbox::install_host(const std::string &rel) const {
+  const fs::path p = fs::path(root_) / rel;
+  fs::create_directories(p.parent_path());
+  fs::copy_file(TROVALIS_TEST_HOST, p, fs::copy_options::overwrite_existing);
+  return p.string();
+}
+
+std::string Sandbox::region_name() const {
+  return "/zelvan-tds-mem-" + std::to_string(getuid()) + "-" + instance_;
+}
+std::string Sandbox::lock_name() const {
+  return "/zelvan-tds-cache-" + std::to_string(getuid()) + "-" + instance_;
+}
+
+std::vector<std::string> Sandbox::env(const std::map<std::string, std::string> &extra) const {
+  std::map<std::string, std::string> vars;
+  for (char **e = environ; *e; ++e) {
+    const char *eq = std::strchr(*e, '=');
+    if (eq) vars[std::string(*e, static_cast<size_t>(eq - *e))] = eq + 1;
+  }
+  vars.erase("APPDATA");
+  vars.erase("USERPROFILE");
+  vars["HOME"] = home_;
+  vars["TROVALIS_INSTANCE"] = instance_;
+  for (const auto &[k, v] : extra) vars[k] = v;
+  std::vector<std::string> out;
+  for (const auto &[k, v] : vars) out.push_back(k + "=" + v);
+  return out;
+}
+
+RunResult run(const std::vector<std::string> &argv, const std::vector<std::string> &env,
+              const std::string &input) {
+  int out[2], err[2], in[2];
+  if (pipe(out) != 0 || pipe(err) != 0 || pipe(in) != 0) return {};
+  const pid_t pid = spawn(argv, env, in[0], out[1], err[1]);
+  close(out[1]);
+  close(err[1]);
+  close(in[0]);
+  if (!input.empty()) {
+    (void)!::write(in[1], input.data(), input.size());
+  }
+  close(in[1]);
+  RunResult r;
+  // Outputs of the test programs are small; reading one pipe after the other
+  // cannot block on a full pipe of the other in these tests.
+  r.out = drain(out[0]);
+  r.err = drain(err[0]);
+  close(out[0]);
+  close(err[0]);
+  r.status = pid > 0 ? wait_for(pid) : -1;
+  return r;
+}
+
+Child::Child(const std::vector<std::string> &argv, const std::vector<std::string> &env) {
+  int out[2];
+  if (pipe(out) != 0) return;
+  const int devnull = open("/dev/null", O_WRONLY);
+  pid_ = spawn(argv, env, -1, out[1], devnull);
+  close(devnull);
+  close(out[1]);
+  out_fd_ = out[0];
+}
+
+Child::~Child() {
+  if (pid_ > 0) kill_and_wait(SIGKILL);
+  if (out_fd_ >= 0) close(out_fd_);
+}
+
+std::string Child::read_line() {
+  for (;;) {
+    const size_t nl = buffered_.find('\n');
+    if (nl != std::string::npos) {
+      std::string line = buffered_.substr(0, nl);
+      buffered_.erase(0, nl + 1);
+      return line;
+    }
+    char buf[256];
+    const ssize_t n = read(out_fd_, buf, sizeof buf);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      std::string rest;
+      rest.swap(buffered_);
+      return rest;
+    }
+    buffered_.append(buf, static_cast<size_t>(n));
+  }
+}
+
+int Child::kill_and_wait(int sig) {
+  if (pid_ <= 0) return -1;
+  ::kill(pid_, sig);
+  return wait();
+}
+
+int Child::wait() {
+  if (pid_ <= 0) return -1;
+  const int st = wait_for(pid_);
+  pid_ = -1;
+  return st;
+}
+
+bool attach_region(const Sandbox &box, const std::string &prog) {
+  platform::set_executable_path_override(box.path(prog).c_str());
+  return DllEntryPoint(nullptr, 1, nullptr) == 1;
+}
+
+void detach_region() {
+  DllEntryPoint(nullptr, 2, nullptr);
+  platform::set_executable_path_override(nullptr);
+}
+
+ScopedEnv::ScopedEnv(const char *name, const char *value) : name_(name) {
+  const char *old = std::getenv(name);
+  had_ = old != nullptr;
+  if (had_) old_ = old;
+  if (value) setenv(name, value, 1);
+  else unsetenv(name);
+}
+
+ScopedEnv::~ScopedEnv() {
+  if (had_) setenv(name_.c_str(), old_.c_str(), 1);
+  else unsetenv(name_.c_str());
+}
+
+AttachedTest::AttachedTest(const std::string &ini_text)
+    : box(ini_text),
+      home_("HOME", box.home().c_str()),
+      instance_("TROVALIS_INSTANCE", box.instance().c_str()),
+      appdata_("APPDATA", nullptr),
+      userprofile_("USERPROFILE", nullptr) {
+  if (!attach_region(box)) throw std::runtime_error("attach failed");
+}
+
+AttachedTest::~AttachedTest() { detach_region(); }
+
+std::string read_file(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+}  // namespace trv::test

@@ -1,0 +1,76 @@
+// Finds and loads trovalis.so relative to the tool's own location.
+#include "library.h"
+
+#include <dlfcn.h>
+#include <limits.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#ifdef __APPLE__
+#include <mach-o/dyld.h>
+#endif
+
+namespace tool {
+namespace {
+
+#ifdef __APPLE__
+constexpr const char *kLibFile = "trovalis.dylib";
+#else
+constexpr const char *kLibFile = "trovalis.so";
+#endif
+
+std::string own_directory() {
+  char buf[PATH_MAX];
+#ifdef __APPLE__
+  uint32_t len = sizeof buf;
+  if (_NSGetExecutablePath(buf, &len) != 0) return ".";
+#else
+  const ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+  if (n <= 0) return ".";
+  buf[n] = '\0';
+#endif
+  std::string path(buf);
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, slash);
+}
+
+template <class F>
+bool resolve(void *handle, const char *name, F *&fn) {
+  fn = reinterpret_cast<F *>(dlsym(handle, name));
+  if (fn == nullptr) std::fprintf(stderr, "trovalis: %s is missing from the library\n", name);
+  return fn != nullptr;
+}
+
+}  // namespace
+
+const Api *load() {
+  static Api api;
+  static bool loaded = false;
+  if (loaded) return &api;
+  const std::string dir = own_directory();
+  const std::string candidates[] = {dir + "/../lib/" + kLibFile, dir + "/" + kLibFile};
+  void *handle = nullptr;
+  std::string errors;
+  for (const std::string &c : candidates) {
+    if (access(c.c_str(), F_OK) != 0) continue;
+    handle = dlopen(c.c_str(), RTLD_NOW | RTLD_GLOBAL);
+    if (handle != nullptr) break;
+    errors += std::string("\n  ") + dlerror();
+  }
+  if (handle == nullptr) {
+    std::fprintf(stderr, "trovalis: cannot load %s from %s/../lib or %s%s\n", kLibFile,
+                 dir.c_str(), dir.c_str(), errors.c_str());
+    return nullptr;
+  }
+  bool ok = resolve(handle, "QDMGetMessages", api.QDMGetMessages);
+  ok = resolve(handle, "QDMMsgInfo", api.QDMMsgInfo) && ok;
+  ok = resolve(handle, "QDMMessage", api.QDMMessage) && ok;
+  if (!ok) return nullptr;
+  loaded = true;
+  return &api;
+}
+
+}  // namespace tool

@@ -1,0 +1,20 @@
+// Loading trovalis.so into the tool on demand.
+#pragma once
+
+#include "trovalis.h"
+
+namespace tool {
+
+// The library's exports the tool calls, resolved by load().
+struct Api {
+  int (*QDMGetMessages)(char **, int);
+  int *(*QDMMsgInfo)(void);
+  int (*QDMMessage)(const char *, const char *, int);
+};
+
+// Loads the library (which attaches this process to the shared cache; a
+// failed attach ends the process with status 1 after its report). Returns
+// nullptr, after printing why on stderr, when the library cannot be loaded.
+const Api *load();
+
+}  // namespace tool
