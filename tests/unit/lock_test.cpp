@@ -1,0 +1,102 @@
+// The named re-entrant lock, and exclusion between processes.
+#include <gtest/gtest.h>
+#include <semaphore.h>
+
+#include <chrono>
+#include <thread>
+
+#include "core/lock.h"
+#include "support/sandbox.h"
+#include "trovalis.h"
+
+namespace trv {
+namespace {
+
+using ::testing::internal::CaptureStderr;
+using ::testing::internal::GetCapturedStderr;
+
+// A lock of its own name, unlinked at the end.
+class LockTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::snprintf(name_, sizeof name_, "/trovalis-locktest-%d", static_cast<int>(getpid()));
+    lock_ = CreateMutex(nullptr, 0, name_);
+    ASSERT_NE(lock_, nullptr);
+  }
+  void TearDown() override {
+    mtx_close(lock_);
+    sem_unlink(name_);
+  }
+  int value() {
+    int v = -1;
+    sem_getvalue(lock_->sem, &v);
+    return v;
+  }
+  char name_[64];
+  QDMLock *lock_ = nullptr;
+};
+
+TEST_F(LockTest, NestedTakesTouchTheSemaphoreOnce) {
+  CaptureStderr();
+  EXPECT_EQ(WaitForSingleObject(lock_, -1), 0);
+  EXPECT_EQ(value(), 0);
+  EXPECT_EQ(WaitForSingleObject(lock_, -1), 1);
+  EXPECT_EQ(ReleaseMutex(lock_), 1);
+  EXPECT_EQ(value(), 0);
+  EXPECT_EQ(ReleaseMutex(lock_), 0);
+  EXPECT_EQ(value(), 1);
+  EXPECT_EQ(GetCapturedStderr(), "NESTED: sem_wait(1)\nNESTED: sem_post(2)\n");
+}
+
+TEST_F(LockTest, GiveWithoutTakeChangesNothing) {
+  EXPECT_EQ(ReleaseMutex(lock_), 1);
+  EXPECT_EQ(value(), 1);
+  EXPECT_EQ(lock_->count, 0);
+}
+
+TEST_F(LockTest, CloseWhileHeldPostsOnce) {
+  WaitForSingleObject(lock_, -1);
+  CaptureStderr();
+  WaitForSingleObject(lock_, -1);
+  sem_t *sem = lock_->sem;
+  int before = -1;
+  sem_getvalue(sem, &before);
+  EXPECT_EQ(before, 0);
+  EXPECT_EQ(mtx_close(lock_), 0);
+  EXPECT_EQ(GetCapturedStderr(),
+            "NESTED: sem_wait(1)\nUNLOCKING MUTEX BEFORE CLOSING: sem_close(2)\n");
+  // The name persists with the value the close left: free.
+  sem_t *again = sem_open(name_, 0);
+  ASSERT_NE(again, SEM_FAILED);
+  int after = -1;
+  sem_getvalue(again, &after);
+  EXPECT_EQ(after, 1);
+  sem_close(again);
+  // Later operations on the closed handle find no semaphore.
+  EXPECT_EQ(WaitForSingleObject(lock_, -1), 0);
+  EXPECT_EQ(ReleaseMutex(lock_), 0);
+}
+
+TEST(LockAbsent, OperationsOnNoLockDoNothing) {
+  EXPECT_EQ(WaitForSingleObject(nullptr, -1), 0);
+  EXPECT_EQ(ReleaseMutex(nullptr), 0);
+  EXPECT_EQ(mtx_close(nullptr), 0);
+}
+
+TEST(LockAcrossProcesses, AHolderExcludesAnotherProcess) {
+  test::AttachedTest attached;
+  const std::string host = attached.box.install_host();
+  WaitForSingleObject(Lock, -1);
+  // While this process holds the cache lock, the host blocks in its attach.
+  test::Child child({host, "post", "after", "1", "info"}, attached.box.env());
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  char *texts[4];
+  EXPECT_EQ(_QDMGetMessages(texts, 4), 0) << "the host posted while the lock was held";
+  ReleaseMutex(Lock);
+  EXPECT_EQ(child.wait(), 0);
+  ASSERT_EQ(QDMGetMessages(texts, 4), 1);
+  EXPECT_STREQ(texts[0], "hostafter");
+}
+
+}  // namespace
+}  // namespace trv
