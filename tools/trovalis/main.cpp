@@ -99,7 +99,7 @@ int cmd_post(int argc, char **argv) {
   if (text == nullptr) return usage_error(kPostUsage, "TEXT is missing");
   const tool::Api *api = tool::load();
   if (api == nullptr) return 1;
-  api->QDMMessage(nullptr, text, static_cast<int>(type));
+  api->QDMMessage("trovalis: ", text, static_cast<int>(type));
   return kExitOk;
 }
 
