@@ -145,10 +145,148 @@ TROVALIS_API void QDMDeinstallPooledFonts(void);
 TROVALIS_API int QDMImageCacheIndexPool(void **address, int *size);
 
 /* ---- Profiles (INI files) ---------------------------------------------- */
+/* A bare file name (no "/" or "\") names a file in "$HOME/Library/Zelvan
+ * TeX", lowered; that directory is created when missing. Other names are
+ * used as given, with "\" rewritten to "/" in place, so `file` must be
+ * writable. Each process keeps a copy of every file it touched, reloaded
+ * when the file's time stamp or size changes on disk. Letter case of
+ * sections and keys does not matter; nothing is trimmed.
+ *
+ * GetPrivateProfileString: the value, cut to size - 1 bytes, and its length;
+ * the default (cut to the buffer) when the file, section or key is missing.
+ * A null section lists the section names (NUL-separated, one more NUL; the
+ * result counts that last NUL); a null key lists the section's keys (the
+ * result does not count it). A listing stops at the first entry that does
+ * not fit. */
+typedef struct INIF INIF;                  /* opaque per-process file copy */
+TROVALIS_API extern INIF *INI_File;        /* most recently used first */
+
+TROVALIS_API int GetPrivateProfileString(const char *section, const char *key,
+                                         const char *default_value, char *buffer,
+                                         int size, char *file);
+/* Every non-comment line of the section, each cut at its first byte 0-10 or
+ * 128-255, as a key listing. */
+TROVALIS_API int GetPrivateProfileSection(const char *section, char *buffer, int size,
+                                          char *file);
+TROVALIS_API int GetPrivateProfileSectionNames(char *buffer, int size, char *file);
+TROVALIS_API int GetProfileString(const char *section, const char *key,
+                                  const char *default_value, char *buffer, int size);
+/* Sets key=value (inserted after the section's last non-blank line; a new
+ * section is appended), deletes the key's line when value is NULL, and
+ * saves the whole file. Never deletes a section; an empty value creates
+ * nothing. 1 when the text changed and a save was attempted, else 0. */
+TROVALIS_API int WritePrivateProfileString(const char *section, const char *key,
+                                           const char *value, char *file);
+TROVALIS_API int WriteProfileString(const char *section, const char *key, const char *value);
+/* Reads the key from each file named by the text list whose first entry is
+ * at data-area offset `list`, in order; 1 with the first non-empty value in
+ * the buffer, else 0 with an empty buffer. */
+TROVALIS_API int GetProfileStringEx(int list, const char *section, const char *key,
+                                    char *buffer, int size);
 
 /* ---- Registry emulation -------------------------------------------------- */
+/* Keys are sections of "REG.INI" named root "\" sub-key; values are its key
+ * lines, the unnamed value being "Default". Strings only. Handles are the
+ * predefined roots 0x80000000 to 0x80000007 or keys opened by
+ * RegCreateKeyA (at most two at a time per process). 0 is success, 1
+ * failure. */
+typedef struct RegKeySlot {
+  int Parent;                              /* 0: slot free */
+  char SubKey[64];
+} RegKeySlot;
+TROVALIS_API extern RegKeySlot Key_List[2];
+
+/* The section name for a key, in a static buffer reused by the next call;
+ * NULL for a root without a name or a name of 256 bytes or more. */
+TROVALIS_API char *KeyDir(int key, const char *sub_key);
+TROVALIS_API int RegCreateKeyA(int key, const char *sub_key, int *result);
+TROVALIS_API int RegCloseKey(int key);
+TROVALIS_API int RegSetValue(int key, const char *sub_key, int type, const char *data,
+                             int length);
+TROVALIS_API int RegSetValueExA(int key, const char *value_name, int reserved, int type,
+                                const char *data, int length);
+/* *size holds the buffer's size on entry and the value's length on return;
+ * 1 when the value is missing or empty. */
+TROVALIS_API int RegQueryValue(int key, const char *sub_key, char *buffer, int *size);
 
 /* ---- Configuration ------------------------------------------------------- */
+
+/* Values from the per-user file over TEXMF.INI, cached in the region. The
+ * results point into the shared region (or the environment) and stay valid
+ * until the next configuration reset; copy what you keep. The workers with a
+ * leading underscore expect the caller to hold the cache lock. */
+TROVALIS_API extern char QDMAns[256];
+TROVALIS_API char *_QDMValue(const char *section, const char *key);
+TROVALIS_API int _QDMSetValue(const char *section, const char *key, const char *value,
+                              int persist);
+TROVALIS_API char *_QDMVar(const char *name);
+/* names: a ","-separated list, cut in place during the call and put back. */
+TROVALIS_API char *cnf_get(char *names);
+TROVALIS_API char *QDMValue(const char *section, const char *key);
+TROVALIS_API int QDMSetValue(const char *section, const char *key, const char *value);
+TROVALIS_API char *QDMVar(const char *name);
+
+/* One record per variable being expanded, innermost first. */
+typedef struct QDMVarRef {
+  struct QDMVarRef *next;
+  const char *name;
+} QDMVarRef;
+/* Expands $NAME and ${NAME} references of text (writable; restored on
+ * return) into out; returns the capacity not used (1: the output filled). */
+TROVALIS_API int var_expand(char *text, char *out, int capacity, QDMVarRef *chain);
+
+/* Splits path (writable) at ";" outside braces, expands {a,b} alternatives
+ * and keeps the directories that exist. Returns a NULL-terminated array of
+ * heap strings owned by the caller (free each, then the array), or NULL
+ * when memory runs out. */
+TROVALIS_API char **expand_braces(char *path);
+TROVALIS_API int OKDir(const char *dir);
+
+/* Throws away everything learned since creation and rebuilds the value
+ * tables, the answer cache root, the databases and the mirror list. The
+ * caller holds the cache lock. */
+TROVALIS_API int QDMReset(void);
+/* The 16-byte format record (answer cache, search path, suffixes, make
+ * command: four data-area offsets) of a file type for a program key. */
+TROVALIS_API char *FormatPath(const char *program, const char *type);
+
+
+/* ---- File databases and directory search --- */
+
+/* Loads the ls-R databases and alias files of the directories of the type
+ * "ls-R" (program key "QDM"), then the network index named in SETUP.INI.
+ * Called by QDMReset; the caller holds the cache lock. */
+TROVALIS_API void init_db(void);
+
+/* Looks name (which may carry a directory part, "latex/article.cls") up in
+ * the databases for the path element. out is a buffer of at least 260 bytes
+ * owned by the caller. Returns NULL when no database covers the element
+ * (search the disk), out holding "" when one covers it but lists no
+ * readable candidate, or out holding the path found (beginning with ":"
+ * when the file is only in the network index). Takes the cache lock when
+ * the caller does not hold it. */
+TROVALIS_API char *db_search(const char *name, const char *element, char *out);
+
+/* Searches name along the search-path list whose first element is at
+ * data-area offset list: databases first, the disk where none covers an
+ * element. buf is the caller's buffer of at least 260 bytes; the result is
+ * buf holding the path found, or NULL. Call it without the cache lock held
+ * (it takes the lock for its reads of the region); it copies the list out
+ * before walking the disk. */
+TROVALIS_API char *search_file(int list, const char *name, char *buf);
+
+/* Searches name in dir and every directory below it, a directory's own
+ * files before its subdirectories. dir is a writable buffer of at least 260
+ * bytes holding a directory without a trailing "/"; the result is dir
+ * holding the path found, or NULL (dir then holds nothing useful). Each
+ * directory is entered once, so symbolic-link cycles end. */
+TROVALIS_API char *recurse_dir(char *dir, const char *name);
+
+/* Follows the link file path + ".lnk" (its first line: a target relative to
+ * the link's directory, "../" steps allowed). Returns the target, in a
+ * static buffer overwritten by the next call, when it exists; otherwise
+ * path itself. Never NULL for a non-NULL path. */
+TROVALIS_API char *find_AppBundle(char *path);
 
 #ifdef __cplusplus
 }

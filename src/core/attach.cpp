@@ -202,6 +202,9 @@ bool first_time_init() {
   }
   set_hdr(Word::Mem_Mark, hdr(Word::Mem_Used));
   set_hdr(Word::Shared_Trace, Trace);
+  // Mem_Mark is already set, but the tables above it are not yet built;
+  // INIFile is needed by the reset before the attach sets it for good.
+  QDMReset();
   return true;
 }
 

@@ -65,7 +65,7 @@ TEST_F(CliTest, LogShowsTheNewestOldestFirst) {
   ASSERT_EQ(cli({"post", "first"}).status, 0);
   const test::RunResult second = cli({"post", "-t", "4", "second"});
   EXPECT_EQ(second.err, "Opened Memory is 'REUSED', size=8000000\n");
-  const test::RunResult r = cli({"log", "-n", "5"});
+  const test::RunResult r = cli({"log", "-n", "2"});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, "trovalis: first\ntrovalis: second\n");
   EXPECT_EQ(cli({"log", "-n", "1"}).out, "trovalis: second\n");

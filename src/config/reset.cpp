@@ -1,0 +1,64 @@
+// The configuration reset: discard everything learned since creation and
+// rebuild the fixed starting points from the configuration files.
+#include <cstdio>
+#include <cstring>
+
+#include "core/region.h"
+#include "trovalis.h"
+
+using namespace trv;
+
+extern "C" int QDMReset(void) {
+  if (!region_mapped()) return 0;
+  char main_ini[4096];
+  const char *stored = text_at(hdr(Word::Common_INI));
+  std::snprintf(main_ini, sizeof main_ini, "%s", stored ? stored : "");
+
+  char keys[256];
+  keys[0] = '\0';
+  if (main_ini[0] != '\0') {
+    char file[4096];
+    std::memcpy(file, main_ini, sizeof file);
+    GetPrivateProfileString(ModerationSection, nullptr, "", keys, sizeof keys, file);
+  }
+  const bool moderated = keys[0] != '\0';
+  set_hdr(Word::Moderation, moderated ? 1 : 0);
+  message("Moderation of environment variable import is switched ", moderated ? "ON" : "OFF");
+
+  set_hdr(Word::Mem_Used, hdr(Word::Mem_Mark));
+  // The loaders set these words only when they find something; clearing
+  // them here keeps every header word off the space just discarded.
+  set_hdr(Word::DB_Hash, 0);
+  set_hdr(Word::Alias_Hash, 0);
+  set_hdr(Word::DB_Dirs, 0);
+  set_hdr(Word::Net_Index, 0);
+  set_hdr(Word::Mirror_List, 0);
+
+  const int root = lru_create("[root]");
+  set_hdr(Word::Root_LRU, root > 0 ? root : 0);
+
+  INIFile = const_cast<char *>(text_at(hdr(Word::Common_INI)));
+  const char *local = text_at(hdr(Word::Local_INI));
+  if (local != nullptr) Zelvan_INI = const_cast<char *>(local);
+
+  char folder[4096];
+  std::memcpy(folder, main_ini, sizeof folder);
+  if (char *slash = std::strrchr(folder, '/')) *slash = '\0';
+
+  const int common = hash_create(711);
+  set_hdr(Word::Common_Hash, common > 0 ? common : 0);
+  if (common > 0) {
+    const int text = stradd(folder);
+    if (text > 0) hash_insert(common, "SELFAUTOPARENT", text);
+  }
+  const int dir = hash_create(31);
+  set_hdr(Word::SectDir_Hash, dir > 0 ? dir : 0);
+  if (dir > 0 && common > 0) hash_insert(dir, "Common", common);
+  Common = hdr(Word::Common_Hash);
+  SectDir = hdr(Word::SectDir_Hash);
+  if (const int appdata = hdr(Word::AppData_Dir); appdata != 0 && Common > 0)
+    hash_insert(Common, "APPDATA", appdata);
+  // Databases last, above the tables made here; the mirror list follows.
+  init_db();
+  return 0;
+}
