@@ -26,6 +26,9 @@ extern "C" int QDMReset(void) {
   message("Moderation of environment variable import is switched ", moderated ? "ON" : "OFF");
 
   set_hdr(Word::Mem_Used, hdr(Word::Mem_Mark));
+  // Every offset handed out since the mark is void from here on; a search
+  // that copied records out without the lock checks this count to know.
+  set_hdr(Word::Reset_Count, static_cast<int32_t>(static_cast<uint32_t>(hdr(Word::Reset_Count)) + 1u));
   // The loaders set these words only when they find something; clearing
   // them here keeps every header word off the space just discarded.
   set_hdr(Word::DB_Hash, 0);
@@ -60,5 +63,6 @@ extern "C" int QDMReset(void) {
     hash_insert(Common, "APPDATA", appdata);
   // Databases last, above the tables made here; the mirror list follows.
   init_db();
+  Load_Mirrors();
   return 0;
 }

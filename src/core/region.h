@@ -50,7 +50,7 @@ enum class Word : int {
   Frame_Size,
   Frame_Table,
   Pool_Low,
-  Reserved27,
+  Reset_Count,
   Image_Size,
   Image_Pool,
   AppData_Dir,
@@ -66,7 +66,7 @@ struct RegionHeader {
       Common_Hash, SectDir_Hash, Root_LRU, DB_Hash, Alias_Hash, DB_Dirs,
       Mirror_List, Moderation, Msg_Max, Msg_Count, Msg_Table, Msg_Len,
       Msg_Held, Msg_Total, Msg_Warnings, Msg_Type5, Local_INI, Env_String,
-      Frame_Size, Frame_Table, Pool_Low, Reserved27, Image_Size, Image_Pool,
+      Frame_Size, Frame_Table, Pool_Low, Reset_Count, Image_Size, Image_Pool,
       AppData_Dir, Net_Index;
 };
 
@@ -102,7 +102,7 @@ TRV_WORD_AT(Env_String, 92);
 TRV_WORD_AT(Frame_Size, 96);
 TRV_WORD_AT(Frame_Table, 100);
 TRV_WORD_AT(Pool_Low, 104);
-TRV_WORD_AT(Reserved27, 108);
+TRV_WORD_AT(Reset_Count, 108);
 TRV_WORD_AT(Image_Size, 112);
 TRV_WORD_AT(Image_Pool, 116);
 TRV_WORD_AT(AppData_Dir, 120);
