@@ -27,6 +27,8 @@
 #define TROVALIS_API
 #endif
 
+#include <stdio.h>
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -125,6 +127,12 @@ TROVALIS_API int QDMGetMessages(char **texts, int maximum);
 /* Four words: held, total, warnings, type-5 posts. */
 TROVALIS_API int *QDMMsgInfo(void);
 TROVALIS_API void QDMSetStateNotifier(QDMStateNotifier callback);
+/* Hands every line this process logs through message() (prefix and
+ * argument, up to 255 characters, without the "QDM-program: " source) to
+ * tap as well, before it is cut to the queue's width; NULL stops it. For
+ * tools that explain one request. */
+typedef void (*QDMMessageTap)(const char *text);
+TROVALIS_API void QDMSetMessageTap(QDMMessageTap tap);
 TROVALIS_API int NotifyState(int value);
 /* 0: main configuration file, 1: per-user file, else NULL. */
 TROVALIS_API char *QDMINIFile(int which);
@@ -287,6 +295,69 @@ TROVALIS_API char *recurse_dir(char *dir, const char *name);
  * static buffer overwritten by the next call, when it exists; otherwise
  * path itself. Never NULL for a non-NULL path. */
 TROVALIS_API char *find_AppBundle(char *path);
+
+
+/* ---- Search requests ----------------------------------------------------- */
+
+/* Answers a file type and a name: the path found, NULL when not found, or
+ * "[Can't determine Format]". A "*" before the type ignores a cached miss; a
+ * name in double quotes is searched without them. The answer is library
+ * memory valid until the caller's next call. origin 0 is the internal search
+ * (QDMSearch), 1 a front-end request (QDMFind); it selects the modes in
+ * MakeLocked and AutoDownload. */
+TROVALIS_API char *_QDMSearch(const char *type, const char *name, int origin);
+TROVALIS_API char *QDMSearch(const char *type, const char *name);
+
+/* Definition lookup for a program name in brackets: the value of the
+ * longest key of section ProgName (without its brackets) matching name, in
+ * the profile files of the text list at data-area offset list, with "*"
+ * in the value replaced by the part of name the key's "*" stood for. buf is
+ * a buffer of at least 260 bytes; NULL when no key matches. */
+TROVALIS_API char *search_definition(int list, const char *name, char *buf);
+
+/* Security framework state of AutoDownload: AuthRef is 0 before the first
+ * download of the process, 1 when the authorization reference was created,
+ * -1 when that failed (not retried). */
+TROVALIS_API extern void *myAuthorizationRef;
+TROVALIS_API extern int AuthRef;
+
+/* ---- Cache maintenance ----------------------------------------------------- */
+
+/* Enters a newly written file into the database and its ls-R file and
+ * forgets every cached answer for its name (and for its stem when a type's
+ * suffix matches). "\" is accepted as a separator; path is not changed.
+ * Returns the number of answers forgotten; 0 for a path without separator
+ * or longer than 255 characters. Takes the cache lock. */
+TROVALIS_API int QDMNewFile(const char *path);
+/* Forgets the cached answer for name of type in every program; returns how
+ * many were forgotten. Takes the cache lock. */
+TROVALIS_API int QDMRecycle(const char *type, const char *name);
+
+/* ---- Mirrors --------------------------------------------------------------- */
+
+/* Reads the [Mirrors] sections of the per-user file and TEXMF.INI into the
+ * region's mirror list. Called by QDMReset; the caller holds the lock. */
+TROVALIS_API int Load_Mirrors(void);
+/* When path (a writable buffer of at least 260 bytes) lies under a copying
+ * mirror, copies the file into the mirror's local tree and rewrites path to
+ * the copy. Returns path. */
+TROVALIS_API char *Process_Mirror(char *path);
+/* Copies source to destination (writable; separators become "/"),
+ * creating the destination's directories; 1 when the copy was made. */
+TROVALIS_API int Copy_File(const char *source, char *destination);
+/* Creates path for writing, making its missing directories; NULL on
+ * failure. The stream is the caller's to close. */
+TROVALIS_API FILE *Open_File(const char *path);
+
+/* ---- Front end and cache report ------------------------------------------- */
+
+/* One request in, one answer out: "[prog]<type>name" searches, "?[prog]<text>"
+ * and "??[prog]<text>" expand, "!Command" switches modes. Never NULL. */
+TROVALIS_API char *QDMFind(const char *request);
+/* Sets ProgName (at most 63 characters). Returns 1. */
+TROVALIS_API int QDMReady(const char *program);
+/* Prints the cache report on standard output. */
+TROVALIS_API int Print_Cache(void);
 
 #ifdef __cplusplus
 }

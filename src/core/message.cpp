@@ -13,6 +13,8 @@ namespace trv {
 
 namespace {
 
+QDMMessageTap g_tap = nullptr;
+
 // Table word i designates the text of the i-th newest message (the slot's
 // byte 4); word Msg_Max designates the spare slot. Returns the checked
 // table, or nullptr when the header describes no usable table.
@@ -31,6 +33,13 @@ char *slot_text(int32_t word) {
 }
 
 }  // namespace
+
+void explain(const char *prefix, const char *text) {
+  if (g_tap == nullptr) return;
+  char line[256];
+  std::snprintf(line, sizeof line, "%s%s", prefix, text ? text : "");
+  g_tap(line);
+}
 
 int messagef(const char *prefix, const char *format, ...) {
   char text[256];
@@ -113,6 +122,7 @@ int message(const char *prefix, const char *argument) {
   const int n = std::snprintf(text, sizeof text, "%.255s", prefix ? prefix : "");
   if (argument != nullptr && n >= 0 && n < static_cast<int>(sizeof text))
     std::snprintf(text + n, sizeof text - static_cast<size_t>(n), "%s", argument);
+  if (g_tap != nullptr) g_tap(text);
   QuietCacheGuard guard;
   return _QDMMessage(source, text, 1);
 }
@@ -145,6 +155,8 @@ int *QDMMsgInfo(void) {
 }
 
 void QDMSetStateNotifier(QDMStateNotifier callback) { StateNotifierProc = callback; }
+
+void QDMSetMessageTap(QDMMessageTap tap) { g_tap = tap; }
 
 int NotifyState(int value) {
   if (StateNotifierProc != nullptr) StateNotifierProc(value);

@@ -8,4 +8,9 @@ namespace trv {
 int messagef(const char *prefix, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
 
+// Hands a line to this process's message tap only, never to the shared
+// queue: detail that explains a request to a tool without filling every
+// user's log.
+void explain(const char *prefix, const char *text);
+
 }  // namespace trv

@@ -16,6 +16,7 @@
 
 #include "core/containers.h"
 #include "core/lock.h"
+#include "core/message.h"
 #include "core/region.h"
 #include "trovalis.h"
 
@@ -139,9 +140,13 @@ std::vector<std::string> elements(int list) {
   return out;
 }
 
-char *search(int list, const char *name, char *buf) {
+}  // namespace
+
+std::vector<std::string> copy_list(int list) { return elements(list); }
+
+char *search_elements(const std::vector<std::string> &list, const char *name, char *buf) {
   const size_t name_len = std::strlen(name);
-  for (const std::string &element : elements(list)) {
+  for (const std::string &element : list) {
     const char *text = element.c_str();
     if (std::strcmp(text, ".") == 0) continue;
     // "!!" only marks the element; it is searched like any other, the
@@ -150,8 +155,15 @@ char *search(int list, const char *name, char *buf) {
     if (Trace) message("Check directory: ", text);
 
     const char *r = db_search(name, text, buf);
-    if (r != nullptr && r[0] != '\0') return buf;
-    if (r != nullptr) continue;
+    if (r != nullptr && r[0] != '\0') {
+      explain("Found in a database: ", buf);
+      return buf;
+    }
+    if (r != nullptr) {
+      explain("A database covers it and does not list the name: ", text);
+      continue;
+    }
+    explain("No database covers it; looking on disk: ", text);
 
     const size_t n = std::strlen(text);
     if (n >= static_cast<size_t>(kSearchBuf)) {
@@ -178,8 +190,6 @@ char *search(int list, const char *name, char *buf) {
   return nullptr;
 }
 
-}  // namespace
-
 }  // namespace trv
 
 using namespace trv;
@@ -189,7 +199,7 @@ extern "C" {
 char *search_file(int list, const char *name, char *buf) {
   if (name == nullptr || buf == nullptr) return nullptr;
   try {
-    return search(list, name, buf);
+    return search_elements(copy_list(list), name, buf);
   } catch (...) {  // out of memory copying the path: nothing found
     return nullptr;
   }

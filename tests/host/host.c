@@ -6,6 +6,11 @@
  *   register NAME HANDLE     RegisterFrame
  *   find NAME                FindFrame
  *   list SIZE                FrameList into SIZE bytes
+ *   search TYPE NAME         QDMSearch: "answer=PATH" or "answer=(null)"
+ *   request REQUEST          QDMFind: "answer=TEXT"
+ *   newfile PATH             QDMNewFile: "forgotten=N"
+ *   modes M0 M1 D0 D1 CON    MakeLocked, AutoDownload and ConsoleErr
+ *   trace                    Trace = 1 (this process only)
  *   ready                    prints "ready" and waits to be killed
  */
 #include <stdio.h>
@@ -53,6 +58,23 @@ int main(int argc, char **argv) {
       printf("list=%d:", n);
       for (p = buf; *p; p += strlen(p) + 1) printf(" %s", p);
       printf("\n");
+    } else if (strcmp(cmd, "search") == 0 && i + 1 < argc) {
+      const char *r = QDMSearch(argv[i], argv[i + 1]);
+      printf("answer=%s\n", r ? r : "(null)");
+      i += 2;
+    } else if (strcmp(cmd, "request") == 0 && i < argc) {
+      printf("answer=%s\n", QDMFind(argv[i++]));
+    } else if (strcmp(cmd, "newfile") == 0 && i < argc) {
+      printf("forgotten=%d\n", QDMNewFile(argv[i++]));
+    } else if (strcmp(cmd, "modes") == 0 && i + 4 < argc) {
+      MakeLocked[0] = atoi(argv[i]);
+      MakeLocked[1] = atoi(argv[i + 1]);
+      AutoDownload[0] = atoi(argv[i + 2]);
+      AutoDownload[1] = atoi(argv[i + 3]);
+      ConsoleErr = atoi(argv[i + 4]);
+      i += 5;
+    } else if (strcmp(cmd, "trace") == 0) {
+      Trace = 1;
     } else if (strcmp(cmd, "ready") == 0) {
       printf("ready\n");
       fflush(stdout);

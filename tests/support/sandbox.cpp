@@ -105,6 +105,7 @@ Sandbox::Sandbox(const std::string &ini_text) {
 Sandbox::~Sandbox() {
   shm_unlink(region_name().c_str());
   sem_unlink(lock_name().c_str());
+  sem_unlink(download_lock_name().c_str());
   std::error_code ec;
   fs::remove_all(root_, ec);
 }
@@ -127,6 +128,10 @@ std::string Sandbox::region_name() const {
 }
 std::string Sandbox::lock_name() const {
   return "/zelvan-tds-cache-" + std::to_string(getuid()) + "-" + instance_;
+}
+
+std::string Sandbox::download_lock_name() const {
+  return "Zelvan TeX 9 AutoDownload Mutex-" + instance_;
 }
 
 std::vector<std::string> Sandbox::env(const std::map<std::string, std::string> &extra) const {

@@ -34,6 +34,7 @@ class Sandbox {
   // Names of the instance's shared objects, as the library derives them.
   std::string region_name() const;
   std::string lock_name() const;
+  std::string download_lock_name() const;
 
   // Environment for child processes: HOME, TROVALIS_INSTANCE, and APPDATA /
   // USERPROFILE removed, plus `extra`.

@@ -1,0 +1,315 @@
+// Search requests: a file type and a name in, a path out, with the shared
+// answer cache in front of the search and the remedies for missing files
+// behind it.
+#include <strings.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "core/containers.h"
+#include "core/lock.h"
+#include "core/region.h"
+#include "search/dirsearch.h"
+#include "search/search.h"
+#include "trovalis.h"
+
+namespace trv {
+
+FormatWords read_record(const char *record) {
+  FormatWords w;
+  if (record == nullptr) return w;
+  w.answers = loadi(record);
+  w.search_path = loadi(record + 4);
+  w.suffixes = loadi(record + 8);
+  w.make = loadi(record + 12);
+  return w;
+}
+
+namespace {
+
+// Status answers are handed out as char *, as every answer is; callers
+// must not write to them.
+char kNoFormat[] = "[Can't determine Format]";
+// Section and key limits of the definition lookup.
+constexpr size_t kSectionMax = 63;
+constexpr size_t kKeyMax = 127;
+constexpr int kValueBuf = 256;
+
+// Per-process answer storage: the path buffer the search writes into, the
+// copy of a cached answer, and the quoted-name copy.
+char g_buf[kSearchBuf];
+char g_cached[kSearchBuf];
+char g_quoted[kQuotedBuf];
+
+// What the search needs of a format record, copied out under the cache
+// lock: the search itself runs without it, and a reset in another process
+// may meanwhile roll the arena back and reuse the record's space.
+struct Record {
+  std::vector<std::string> path;
+  // A record may hold an empty suffix text ("+" with nothing after it),
+  // which is not the same as none: a name without '.' is then not found.
+  bool has_suffixes = false;
+  std::string suffixes;
+  std::string make;
+};
+
+// The text at a record word into `to`; false (and `to` empty) for none.
+bool copy_text(std::string &to, int32_t offset) {
+  const char *t = offset > 0 ? text_at(offset) : nullptr;
+  to.assign(t != nullptr ? t : "");
+  return t != nullptr;
+}
+
+// Copies a cached answer out of the region. Answers were stored from the
+// 260-byte path buffer, so a longer text can only come from a damaged
+// region; it is cut rather than trusted.
+char *copy_cached(int32_t offset) {
+  const char *t = text_at(offset);
+  if (t == nullptr) return nullptr;
+  const size_t n = strnlen(t, sizeof g_cached - 1);
+  std::memcpy(g_cached, t, n);
+  g_cached[n] = '\0';
+  return g_cached;
+}
+
+const char *program_key() { return ProgName[0] != '\0' ? ProgName : "QDM"; }
+
+// Fetches the record under the lock the caller holds and copies it out.
+// False when there is none.
+bool fetch(const char *type, Record &rec) {
+  const char *record = FormatPath(program_key(), type);
+  if (record == nullptr) return false;
+  const FormatWords w = read_record(record);
+  rec.path.clear();
+  walk_chain(w.search_path, [&](int32_t e) {
+    rec.path.emplace_back(entry_key(e));
+    return true;
+  });
+  rec.has_suffixes = copy_text(rec.suffixes, w.suffixes);
+  copy_text(rec.make, w.make);
+  return true;
+}
+
+bool refetch(const char *type, Record &rec) {
+  CacheGuard guard;
+  return fetch(type, rec);
+}
+
+bool net_marker(const char *r) { return r != nullptr && r[0] == ':' && hdr(Word::Net_Index) != 0; }
+
+// The definition lookup over profile files already copied out of the
+// region. `section` is at most 63 characters, `key` at most 127.
+char *definition(const std::vector<std::string> &files, const char *name, char *buf) {
+  char section[kSectionMax + 1];
+  const char *open = ProgName[0] == '[' ? ProgName + 1 : ProgName;
+  size_t sn = std::strcspn(open, "]");
+  if (sn > kSectionMax) sn = kSectionMax;
+  std::memcpy(section, open, sn);
+  section[sn] = '\0';
+
+  char key[kKeyMax + 1];
+  size_t kn = strnlen(name, kKeyMax);
+  std::memcpy(key, name, kn);
+  key[kn] = '\0';
+
+  char value[kValueBuf];
+  auto lookup = [&]() {
+    for (const std::string &f : files) {
+      char file[4096];
+      if (f.size() >= sizeof file) continue;
+      std::memcpy(file, f.c_str(), f.size() + 1);
+      GetPrivateProfileString(section, key, "", value, sizeof value, file);
+      if (value[0] != '\0') return true;
+    }
+    return false;
+  };
+  // abcdef, then abcde*, abcd*, ... a*, *: the last character of the key
+  // turns into '*' and the one after it goes. An empty name tries "*".
+  size_t star = kn;  // where the matching key's '*' stands; kn when exact
+  bool found = kn > 0 && lookup();
+  for (size_t len = kn > 0 ? kn : 1; !found && len >= 1; --len) {
+    key[len - 1] = '*';
+    key[len] = '\0';
+    star = len - 1;
+    found = lookup();
+  }
+  if (!found) return nullptr;
+
+  const char *tail = star < std::strlen(name) ? name + star : "";
+  size_t out = 0;
+  for (const char *v = value; *v != '\0'; ++v) {
+    const char *piece = *v == '*' ? tail : v;
+    const size_t len = *v == '*' ? std::strlen(tail) : 1;
+    if (out + len >= static_cast<size_t>(kSearchBuf)) break;  // cut to the buffer
+    std::memcpy(buf + out, piece, len);
+    out += len;
+  }
+  buf[out] = '\0';
+  return buf;
+}
+
+void trace(const char *prefix, const char *text) {
+  if (Trace) message(prefix, text);
+}
+
+char *search(const char *type, const char *name, int origin) {
+  origin = origin != 0 ? 1 : 0;
+  int download = AutoDownload[origin];
+  int make_mode = MakeLocked[origin];
+  if (make_mode < -2) make_mode = -2;
+  if (make_mode > 1) make_mode = 1;
+  bool may_make = make_mode < 0 || (make_mode == 0 && ConsoleErr != 0);
+  const bool to_window = make_mode <= -2 || (make_mode == -1 && ConsoleErr == 0);
+
+  bool ignore_miss = false;
+  if (type[0] == '*') {
+    ++type;
+    ignore_miss = true;
+  }
+  if (name[0] == '"') {
+    const size_t n = strnlen(name + 1, sizeof g_quoted - 1);
+    std::memcpy(g_quoted, name + 1, n);
+    g_quoted[n] = '\0';
+    if (n > 0 && g_quoted[n - 1] == '"') g_quoted[n - 1] = '\0';
+    name = g_quoted;
+  }
+  trace("INFO: Getting file Type path: ", type);
+
+  Record rec;
+  char *r = nullptr;
+  bool search_again;
+  int32_t c;
+  {
+    CacheGuard guard;
+    const char *record = FormatPath(program_key(), type);
+    if (record == nullptr) return kNoFormat;
+    c = lru_lookup(read_record(record).answers, name);
+    if (c > 1) r = copy_cached(c);
+    search_again = c == 0 || (c == 1 && ignore_miss) ||
+                   (c > 1 && (r == nullptr || (net_marker(r) && download > 0)));
+    if (search_again && !fetch(type, rec)) return kNoFormat;
+  }
+  trace("INFO: file Type path got.", "");
+  if (!search_again) {
+    if (c == 1) return nullptr;
+    if (net_marker(r)) return download == 0 ? r : nullptr;
+    return r;
+  }
+
+  char candidate[kCandidateBuf];
+  const size_t name_len = std::strlen(name);
+  for (;;) {
+    r = nullptr;
+    if (rec.path.empty()) {
+      message("There is no path for file type: ", type);
+    } else if (name_len >= sizeof candidate) {
+      // A name the candidate buffer cannot hold is not searched: cutting it
+      // would look for a different file.
+      message("WARNING: name too long, not searched: ", name);
+    } else {
+      std::memcpy(candidate, name, name_len + 1);
+      if (rec.has_suffixes && std::strchr(name, '.') == nullptr) {
+        for_each_suffix(rec.suffixes.c_str(), [&](const char *suffix, size_t len) {
+          if (name_len + len >= sizeof candidate) return true;
+          std::memcpy(candidate + name_len, suffix, len);
+          candidate[name_len + len] = '\0';
+          trace("Search File: ", candidate);
+          r = search_elements(rec.path, candidate, g_buf);
+          return r == nullptr;
+        });
+      } else if (ProgName[0] == '[') {
+        trace("Search Definition: ", candidate);
+        r = definition(rec.path, candidate, g_buf);
+        break;  // a definition is answered as it stands
+      } else {
+        trace("Search File: ", candidate);
+        r = search_elements(rec.path, candidate, g_buf);
+      }
+      if (r != nullptr && r[0] != ':' && strcasecmp(type, "Program") == 0) r = find_AppBundle(r);
+    }
+
+    if (net_marker(r)) {
+      if (download >= -1) {
+        CacheGuard guard;
+        const FormatWords w = read_record(FormatPath(program_key(), type));
+        if (w.answers != 0) {
+          const int32_t c = lru_lookup(w.answers, name);
+          const char *cached = c > 1 ? text_at(c) : nullptr;
+          if (cached == nullptr || strcasecmp(cached, r) != 0) {
+            const int text = stradd(r);
+            if (text > 0) lru_insert(w.answers, name, text);
+          }
+        }
+      }
+      if (download > 0) {
+        auto_download(r);
+        download = -2;
+        if (!refetch(type, rec)) return kNoFormat;
+        continue;
+      }
+      if (download < 0) {
+        if (download < -1) message("ERROR: Can't download ", r);
+        trace("File: ", "NONE");
+        return nullptr;
+      }
+    }
+
+    if (r != nullptr) Process_Mirror(r);
+    if (may_make && r == nullptr && !rec.make.empty()) {
+      auto_make(rec.make.c_str(), name, to_window);
+      may_make = false;
+      if (!refetch(type, rec)) return kNoFormat;
+      continue;
+    }
+    break;
+  }
+
+  {
+    CacheGuard guard;
+    const FormatWords w = read_record(FormatPath(program_key(), type));
+    if (w.answers != 0) {
+      const int32_t c = lru_lookup(w.answers, name);
+      if (c > 1) {
+        if (char *cached = copy_cached(c)) return cached;  // another answer won
+      } else if (r != nullptr) {
+        const int text = stradd(r);
+        if (text > 0) lru_insert(w.answers, name, text);
+      } else if (c == 0) {
+        lru_insert(w.answers, name, 1);
+      }
+    }
+  }
+  trace("File: ", r != nullptr ? r : "NONE");
+  return r;
+}
+
+}  // namespace
+}  // namespace trv
+
+using namespace trv;
+
+extern "C" {
+
+char *_QDMSearch(const char *type, const char *name, int origin) {
+  if (type == nullptr || name == nullptr) return nullptr;
+  try {
+    return search(type, name, origin);
+  } catch (...) {  // out of memory copying a record: not found
+    return nullptr;
+  }
+}
+
+char *QDMSearch(const char *type, const char *name) { return _QDMSearch(type, name, 0); }
+
+char *search_definition(int list, const char *name, char *buf) {
+  if (name == nullptr || buf == nullptr) return nullptr;
+  try {
+    return definition(copy_list(list), name, buf);
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+}  // extern "C"
