@@ -68,6 +68,15 @@ const Api *load() {
   bool ok = resolve(handle, "QDMGetMessages", api.QDMGetMessages);
   ok = resolve(handle, "QDMMsgInfo", api.QDMMsgInfo) && ok;
   ok = resolve(handle, "QDMMessage", api.QDMMessage) && ok;
+  ok = resolve(handle, "QDMReady", api.QDMReady) && ok;
+  ok = resolve(handle, "_QDMSearch", api.QDMSearch) && ok;
+  ok = resolve(handle, "QDMNewFile", api.QDMNewFile) && ok;
+  ok = resolve(handle, "QDMFind", api.QDMFind) && ok;
+  ok = resolve(handle, "Print_Cache", api.Print_Cache) && ok;
+  ok = resolve(handle, "QDMValue", api.QDMValue) && ok;
+  ok = resolve(handle, "QDMSetMessageTap", api.QDMSetMessageTap) && ok;
+  ok = resolve(handle, "Trace", api.Trace) && ok;
+  ok = resolve(handle, "Trace_ALS", api.Trace_ALS) && ok;
   if (!ok) return nullptr;
   loaded = true;
   return &api;

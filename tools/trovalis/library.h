@@ -10,6 +10,15 @@ struct Api {
   int (*QDMGetMessages)(char **, int);
   int *(*QDMMsgInfo)(void);
   int (*QDMMessage)(const char *, const char *, int);
+  int (*QDMReady)(const char *);
+  char *(*QDMSearch)(const char *, const char *, int);  // _QDMSearch
+  int (*QDMNewFile)(const char *);
+  char *(*QDMFind)(const char *);
+  int (*Print_Cache)(void);
+  char *(*QDMValue)(const char *, const char *);
+  void (*QDMSetMessageTap)(QDMMessageTap);
+  int *Trace;      // this process's trace switches
+  int *Trace_ALS;
 };
 
 // Loads the library (which attaches this process to the shared cache; a

@@ -3,39 +3,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <vector>
 
-#include "library.h"
+#include "cli.h"
 #include "trovalis_config.h"
 
-namespace {
-
-constexpr int kExitOk = 0;
-constexpr int kExitUsage = 2;
-
-constexpr const char *kUsage =
-    "Usage: trovalis [--help] [--version] COMMAND [ARGS...]\n"
-    "\n"
-    "Commands:\n"
-    "  log [-n N]            print the newest N (default 20) lines of the shared\n"
-    "                        message log, oldest first\n"
-    "  post [-t TYPE] TEXT   post TEXT to the shared message log\n"
-    "\n"
-    "Run 'trovalis COMMAND --help' for a command's options.\n"
-    "\n"
-    "Environment:\n"
-    "  TROVALIS_INSTANCE     suffix for the shared region and lock names\n"
-    "  TROVALIS_MAP_SIZE     bytes of a newly created shared region\n";
-
-constexpr const char *kLogUsage =
-    "Usage: trovalis log [-n N]\n"
-    "Print the newest N lines (default 20, at most 1024) of the shared message\n"
-    "log of all processes of this user, oldest first.\n";
-
-constexpr const char *kPostUsage =
-    "Usage: trovalis post [-t TYPE] TEXT\n"
-    "Post TEXT to the shared message log with the given type (default 1;\n"
-    "4 counts as a warning).\n";
+namespace cli {
 
 int usage_error(const char *usage, const char *problem) {
   if (problem) std::fprintf(stderr, "trovalis: %s\n", problem);
@@ -43,7 +15,9 @@ int usage_error(const char *usage, const char *problem) {
   return kExitUsage;
 }
 
-bool is_help(const char *arg) { return std::strcmp(arg, "--help") == 0 || std::strcmp(arg, "-h") == 0; }
+bool is_help(const char *arg) {
+  return std::strcmp(arg, "--help") == 0 || std::strcmp(arg, "-h") == 0;
+}
 
 bool parse_int(const char *text, long lo, long hi, long *out) {
   char *end = nullptr;
@@ -53,70 +27,60 @@ bool parse_int(const char *text, long lo, long hi, long *out) {
   return true;
 }
 
-int cmd_log(int argc, char **argv) {
-  long n = 20;
-  for (int i = 0; i < argc; ++i) {
-    if (is_help(argv[i])) {
-      std::fputs(kLogUsage, stdout);
-      return kExitOk;
-    }
-    if (std::strcmp(argv[i], "-n") == 0 && i + 1 < argc) {
-      if (!parse_int(argv[++i], 0, 1024, &n))
-        return usage_error(kLogUsage, "-n takes a count from 0 to 1024");
-    } else {
-      return usage_error(kLogUsage, "unexpected argument");
-    }
-  }
-  const tool::Api *api = tool::load();
-  if (api == nullptr) return 1;
-  std::vector<char *> texts(static_cast<size_t>(n) + 1);
-  const int got = api->QDMGetMessages(texts.data(), static_cast<int>(n));
-  // Copy before printing: the texts live in the shared region, where other
-  // processes may post over them.
-  std::vector<std::string> lines;
-  for (int i = got - 1; i >= 0; --i) lines.emplace_back(texts[static_cast<size_t>(i)]);
-  for (const std::string &l : lines) std::printf("%s\n", l.c_str());
-  return kExitOk;
-}
+}  // namespace cli
 
-int cmd_post(int argc, char **argv) {
-  long type = 1;
-  const char *text = nullptr;
-  for (int i = 0; i < argc; ++i) {
-    if (is_help(argv[i])) {
-      std::fputs(kPostUsage, stdout);
-      return kExitOk;
-    }
-    if (std::strcmp(argv[i], "-t") == 0 && i + 1 < argc) {
-      if (!parse_int(argv[++i], -2147483647L - 1, 2147483647L, &type))
-        return usage_error(kPostUsage, "-t takes a 32-bit integer");
-    } else if (text == nullptr) {
-      text = argv[i];
-    } else {
-      return usage_error(kPostUsage, "only one TEXT may be given");
-    }
-  }
-  if (text == nullptr) return usage_error(kPostUsage, "TEXT is missing");
-  const tool::Api *api = tool::load();
-  if (api == nullptr) return 1;
-  api->QDMMessage("trovalis: ", text, static_cast<int>(type));
-  return kExitOk;
-}
+namespace {
+
+constexpr const char *kUsage =
+    "Usage: trovalis [--help] [--version] COMMAND [ARGS...]\n"
+    "\n"
+    "Finding files:\n"
+    "  find [-p PROGRAM] TYPE NAME...  print the path of each NAME of file type TYPE\n"
+    "  why [-p PROGRAM] TYPE NAME      explain how NAME is found, or why it is not\n"
+    "  request [REQUEST...|-]          answer front-end requests (from stdin with -)\n"
+    "  expand [-p PROGRAM] TEXT        expand the variables in TEXT\n"
+    "  path [-p PROGRAM] TEXT          list the existing directories TEXT expands to\n"
+    "\n"
+    "Maintaining the cache:\n"
+    "  newfile PATH                    enter a newly written file into the databases\n"
+    "  reset                           rebuild the cache from the configuration files\n"
+    "  report                          print the cache report\n"
+    "  log [-n N] [--follow]           print the shared message log\n"
+    "  post [-t TYPE] TEXT             post TEXT to the shared message log\n"
+    "\n"
+    "Run 'trovalis COMMAND --help' for a command's options. Exit status: 0 success,\n"
+    "1 not found (or the cache could not be attached), 2 usage error.\n"
+    "\n"
+    "Environment:\n"
+    "  TROVALIS_INSTANCE     suffix for the shared region and lock names\n"
+    "  TROVALIS_MAP_SIZE     bytes of a newly created shared region\n";
+
+struct Command {
+  const char *name;
+  int (*run)(int, char **);
+};
+
+constexpr Command kCommands[] = {
+    {"find", cli::cmd_find},       {"why", cli::cmd_why},         {"request", cli::cmd_request},
+    {"expand", cli::cmd_expand},   {"path", cli::cmd_path},       {"newfile", cli::cmd_newfile},
+    {"reset", cli::cmd_reset},     {"report", cli::cmd_report},   {"log", cli::cmd_log},
+    {"post", cli::cmd_post},
+};
 
 }  // namespace
 
 int main(int argc, char **argv) {
-  if (argc < 2) return usage_error(kUsage, "a command is required");
+  if (argc < 2) return cli::usage_error(kUsage, "a command is required");
   const char *cmd = argv[1];
-  if (is_help(cmd)) {
+  if (cli::is_help(cmd)) {
     std::fputs(kUsage, stdout);
-    return kExitOk;
+    return cli::kExitOk;
   }
   if (std::strcmp(cmd, "--version") == 0) {
     std::printf("trovalis %s\n", TROVALIS_VERSION);
-    return kExitOk;
+    return cli::kExitOk;
   }
-  if (std::strcmp(cmd, "log") == 0) return cmd_log(argc - 2, argv + 2);
-  if (std::strcmp(cmd, "post") == 0) return cmd_post(argc - 2, argv + 2);
-  return usage_error(kUsage, (std::string("unknown command '") + cmd + "'").c_str());
+  for (const Command &c : kCommands)
+    if (std::strcmp(cmd, c.name) == 0) return c.run(argc - 2, argv + 2);
+  return cli::usage_error(kUsage, (std::string("unknown command '") + cmd + "'").c_str());
 }
