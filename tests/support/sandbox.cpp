@@ -2,6 +2,7 @@
 #include "support/sandbox.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <semaphore.h>
 #include <signal.h>
 #include <spawn.h>
@@ -73,22 +74,6 @@ int wait_for(pid_t pid) {
   return decode(st);
 }
 
-std::string drain(int fd) {
-  std::string s;
-  char buf[4096];
-  for (;;) {
-    const ssize_t n = read(fd, buf, sizeof buf);
-    if (n > 0) {
-      s.append(buf, static_cast<size_t>(n));
-    } else if (n < 0 && errno == EINTR) {
-      continue;
-    } else {
-      break;
-    }
-  }
-  return s;
-}
-
 }  // namespace
 
 Sandbox::Sandbox(const std::string &ini_text) {
@@ -153,29 +138,59 @@ std::vector<std::string> Sandbox::env(const std::map<std::string, std::string> &
 RunResult run(const std::vector<std::string> &argv, const std::vector<std::string> &env,
               const std::string &input) {
   int out[2], err[2], in[2];
-  if (pipe(out) != 0 || pipe(err) != 0 || pipe(in) != 0) return {};
+  // Close-on-exec, so that no child keeps another pipe's end (its own
+  // standard input's writer, say) open.
+  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0 || pipe2(in, O_CLOEXEC) != 0)
+    return {};
   const pid_t pid = spawn(argv, env, in[0], out[1], err[1]);
   close(out[1]);
   close(err[1]);
   close(in[0]);
-  if (!input.empty()) {
-    (void)!::write(in[1], input.data(), input.size());
-  }
-  close(in[1]);
+  // Input is written while both outputs are read, so that a child that
+  // answers as it reads cannot block on a full pipe either way.
+  signal(SIGPIPE, SIG_IGN);
   RunResult r;
-  // Outputs of the test programs are small; reading one pipe after the other
-  // cannot block on a full pipe of the other in these tests.
-  r.out = drain(out[0]);
-  r.err = drain(err[0]);
-  close(out[0]);
-  close(err[0]);
+  size_t written = 0;
+  int in_fd = in[1];
+  if (input.empty()) {
+    close(in_fd);
+    in_fd = -1;
+  }
+  pollfd fds[3] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}, {in_fd, POLLOUT, 0}};
+  std::string *sinks[2] = {&r.out, &r.err};
+  while (fds[0].fd >= 0 || fds[1].fd >= 0) {
+    if (poll(fds, 3, -1) < 0) {
+      if (errno == EINTR) continue;
+      break;
+    }
+    for (int i = 0; i < 2; ++i) {
+      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
+      char buf[4096];
+      const ssize_t n = read(fds[i].fd, buf, sizeof buf);
+      if (n > 0) {
+        sinks[i]->append(buf, static_cast<size_t>(n));
+      } else if (!(n < 0 && errno == EINTR)) {
+        close(fds[i].fd);
+        fds[i].fd = -1;
+      }
+    }
+    if (fds[2].fd >= 0 && fds[2].revents != 0) {
+      const ssize_t n = ::write(fds[2].fd, input.data() + written, input.size() - written);
+      if (n > 0) written += static_cast<size_t>(n);
+      if ((n < 0 && errno != EINTR) || written == input.size()) {
+        close(fds[2].fd);
+        fds[2].fd = -1;
+      }
+    }
+  }
+  if (fds[2].fd >= 0) close(fds[2].fd);
   r.status = pid > 0 ? wait_for(pid) : -1;
   return r;
 }
 
 Child::Child(const std::vector<std::string> &argv, const std::vector<std::string> &env) {
   int out[2];
-  if (pipe(out) != 0) return;
+  if (pipe2(out, O_CLOEXEC) != 0) return;
   const int devnull = open("/dev/null", O_WRONLY);
   pid_ = spawn(argv, env, -1, out[1], devnull);
   close(devnull);
