@@ -29,7 +29,11 @@ std::vector<std::string> newest(const tool::Api *api, int n) {
   std::vector<char *> texts(static_cast<size_t>(n) + 1);
   const int got = api->QDMGetMessages(texts.data(), n);
   std::vector<std::string> lines;
-  for (int i = got - 1; i >= 0; --i) lines.emplace_back(texts[static_cast<size_t>(i)]);
+  for (int i = got - 1; i >= 0; --i) {
+    // Relayed output keeps its line end; one line on the screen per message.
+    std::string &l = lines.emplace_back(texts[static_cast<size_t>(i)]);
+    while (!l.empty() && (l.back() == '\n' || l.back() == '\r')) l.pop_back();
+  }
   return lines;
 }
 

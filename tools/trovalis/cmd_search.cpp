@@ -18,8 +18,9 @@ constexpr const char *kFindUsage =
     "Usage: trovalis find [-p PROGRAM] TYPE NAME...\n"
     "Print the path of each NAME of file type TYPE (a type of the [QDM] section\n"
     "of TEXMF.INI), one line per name found, as PROGRAM is answered (default:\n"
-    "the common definitions). A name without '.' is tried with the type's\n"
-    "suffixes. Exit status 1 when a name is not found.\n";
+    "trovalis, which sees the [common] values unless TEXMF.INI has a section\n"
+    "[trovalis]). A name without '.' is tried with the type's suffixes. Nothing\n"
+    "is printed for a name not found, and the exit status is then 1.\n";
 
 constexpr const char *kWhyUsage =
     "Usage: trovalis why [-p PROGRAM] TYPE NAME\n"
@@ -159,7 +160,7 @@ int cmd_why(int argc, char **argv) {
   const std::string program = args.program ? args.program : "";
 
   const char *definition = api->QDMValue("QDM", type);
-  std::printf("file type:   %s, as %s\n", type, args.program ? args.program : "any program");
+  std::printf("file type:   %s, as program %s\n", type, args.program ? args.program : "trovalis");
   if (definition != nullptr && definition[0] != '\0') {
     const std::string def = definition;
     std::printf("definition:  %s=%s\n", type, def.c_str());

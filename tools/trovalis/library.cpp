@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -37,6 +38,49 @@ std::string own_directory() {
   return slash == std::string::npos ? "." : path.substr(0, slash);
 }
 
+bool g_verbose = false;
+
+// What the library writes on stderr while it attaches is caught in a
+// temporary file and passed on afterwards, without the attach line unless
+// the user asked for it. A failed attach ends the process inside dlopen;
+// the exit handler passes the report on then.
+struct StderrCatch {
+  std::FILE *file = nullptr;
+  int saved = -1;
+};
+StderrCatch g_catch;
+
+void pass_on_caught() {
+  if (g_catch.saved < 0) return;
+  std::fflush(stderr);
+  dup2(g_catch.saved, STDERR_FILENO);
+  close(g_catch.saved);
+  g_catch.saved = -1;
+  std::rewind(g_catch.file);
+  char line[1024];
+  while (std::fgets(line, sizeof line, g_catch.file) != nullptr) {
+    if (!g_verbose && std::strncmp(line, "Opened Memory is '", 18) == 0) continue;
+    std::fputs(line, stderr);
+  }
+  std::fclose(g_catch.file);
+  g_catch.file = nullptr;
+}
+
+void catch_stderr() {
+  g_catch.file = std::tmpfile();
+  if (g_catch.file == nullptr) return;  // nothing caught: the line shows
+  std::fflush(stderr);
+  g_catch.saved = dup(STDERR_FILENO);
+  if (g_catch.saved < 0 || dup2(fileno(g_catch.file), STDERR_FILENO) < 0) {
+    if (g_catch.saved >= 0) close(g_catch.saved);
+    g_catch.saved = -1;
+    std::fclose(g_catch.file);
+    g_catch.file = nullptr;
+    return;
+  }
+  std::atexit(pass_on_caught);
+}
+
 template <class F>
 bool resolve(void *handle, const char *name, F *&fn) {
   fn = reinterpret_cast<F *>(dlsym(handle, name));
@@ -56,7 +100,9 @@ const Api *load() {
   std::string errors;
   for (const std::string &c : candidates) {
     if (access(c.c_str(), F_OK) != 0) continue;
+    catch_stderr();
     handle = dlopen(c.c_str(), RTLD_NOW | RTLD_GLOBAL);
+    pass_on_caught();
     if (handle != nullptr) break;
     errors += std::string("\n  ") + dlerror();
   }
@@ -81,5 +127,7 @@ const Api *load() {
   loaded = true;
   return &api;
 }
+
+void set_verbose(bool on) { g_verbose = on; }
 
 }  // namespace tool

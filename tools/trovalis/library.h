@@ -24,6 +24,10 @@ struct Api {
 // Loads the library (which attaches this process to the shared cache; a
 // failed attach ends the process with status 1 after its report). Returns
 // nullptr, after printing why on stderr, when the library cannot be loaded.
+// The library announces every attach on stderr ("Opened Memory is ...");
+// the tool passes that line on only when verbose is set, and everything
+// else the library writes while loading always.
 const Api *load();
+void set_verbose(bool on);
 
 }  // namespace tool

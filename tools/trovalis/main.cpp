@@ -5,6 +5,7 @@
 #include <string>
 
 #include "cli.h"
+#include "library.h"
 #include "trovalis_config.h"
 
 namespace cli {
@@ -32,7 +33,9 @@ bool parse_int(const char *text, long lo, long hi, long *out) {
 namespace {
 
 constexpr const char *kUsage =
-    "Usage: trovalis [--help] [--version] COMMAND [ARGS...]\n"
+    "Usage: trovalis [--help] [--version] [-v] COMMAND [ARGS...]\n"
+    "\n"
+    "  -v, --verbose  show the library's start-up line (NEW or REUSED region)\n"
     "\n"
     "Finding files:\n"
     "  find [-p PROGRAM] TYPE NAME...  print the path of each NAME of file type TYPE\n"
@@ -70,8 +73,13 @@ constexpr Command kCommands[] = {
 }  // namespace
 
 int main(int argc, char **argv) {
-  if (argc < 2) return cli::usage_error(kUsage, "a command is required");
-  const char *cmd = argv[1];
+  int first = 1;
+  if (argc > 1 && (std::strcmp(argv[1], "-v") == 0 || std::strcmp(argv[1], "--verbose") == 0)) {
+    tool::set_verbose(true);
+    first = 2;
+  }
+  if (argc <= first) return cli::usage_error(kUsage, "a command is required");
+  const char *cmd = argv[first];
   if (cli::is_help(cmd)) {
     std::fputs(kUsage, stdout);
     return cli::kExitOk;
@@ -81,6 +89,6 @@ int main(int argc, char **argv) {
     return cli::kExitOk;
   }
   for (const Command &c : kCommands)
-    if (std::strcmp(cmd, c.name) == 0) return c.run(argc - 2, argv + 2);
+    if (std::strcmp(cmd, c.name) == 0) return c.run(argc - first - 1, argv + first + 1);
   return cli::usage_error(kUsage, (std::string("unknown command '") + cmd + "'").c_str());
 }
