@@ -24,16 +24,7 @@ constexpr const char *kLibFile = "trovalis.so";
 #endif
 
 std::string own_directory() {
-  char buf[PATH_MAX];
-#ifdef __APPLE__
-  uint32_t len = sizeof buf;
-  if (_NSGetExecutablePath(buf, &len) != 0) return ".";
-#else
-  const ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
-  if (n <= 0) return ".";
-  buf[n] = '\0';
-#endif
-  std::string path(buf);
+  const std::string path = own_path();
   const size_t slash = path.rfind('/');
   return slash == std::string::npos ? "." : path.substr(0, slash);
 }
@@ -129,5 +120,18 @@ const Api *load() {
 }
 
 void set_verbose(bool on) { g_verbose = on; }
+
+std::string own_path() {
+  char buf[PATH_MAX];
+#ifdef __APPLE__
+  uint32_t len = sizeof buf;
+  if (_NSGetExecutablePath(buf, &len) != 0) return "trovalis";
+#else
+  const ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+  if (n <= 0) return "trovalis";
+  buf[n] = '\0';
+#endif
+  return buf;
+}
 
 }  // namespace tool

@@ -1,6 +1,8 @@
 // Loading trovalis.so into the tool on demand.
 #pragma once
 
+#include <string>
+
 #include "trovalis.h"
 
 namespace tool {
@@ -29,5 +31,8 @@ struct Api {
 // else the library writes while loading always.
 const Api *load();
 void set_verbose(bool on);
+
+// The tool's own executable, found the way the library finds it.
+std::string own_path();
 
 }  // namespace tool

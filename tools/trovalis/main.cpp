@@ -1,4 +1,10 @@
 // trovalis: the maintainer's tool over the library's public interface.
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -7,6 +13,8 @@
 #include "cli.h"
 #include "library.h"
 #include "trovalis_config.h"
+
+extern char **environ;
 
 namespace cli {
 
@@ -28,6 +36,23 @@ bool parse_int(const char *text, long lo, long hi, long *out) {
   return true;
 }
 
+bool reset_running_cache() {
+  const std::string self = tool::own_path();
+  char *const argv[] = {const_cast<char *>(self.c_str()), const_cast<char *>("reset"), nullptr};
+  posix_spawn_file_actions_t fa;
+  posix_spawn_file_actions_init(&fa);
+  posix_spawn_file_actions_addopen(&fa, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  pid_t pid = -1;
+  const int err = posix_spawn(&pid, self.c_str(), &fa, nullptr, argv, environ);
+  posix_spawn_file_actions_destroy(&fa);
+  if (err != 0) return false;
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) return false;
+  }
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
 }  // namespace cli
 
 namespace {
@@ -43,6 +68,10 @@ constexpr const char *kUsage =
     "  request [REQUEST...|-]          answer front-end requests (from stdin with -)\n"
     "  expand [-p PROGRAM] TEXT        expand the variables in TEXT\n"
     "  path [-p PROGRAM] TEXT          list the existing directories TEXT expands to\n"
+    "\n"
+    "Setting up:\n"
+    "  init [--tree DIR]... [-o FILE]  write a TEXMF.INI for existing TeX trees\n"
+    "  mklsr [--no-reset] DIR...       write the ls-R database of each tree DIR\n"
     "\n"
     "Maintaining the cache:\n"
     "  newfile PATH                    enter a newly written file into the databases\n"
@@ -67,7 +96,7 @@ constexpr Command kCommands[] = {
     {"find", cli::cmd_find},       {"why", cli::cmd_why},         {"request", cli::cmd_request},
     {"expand", cli::cmd_expand},   {"path", cli::cmd_path},       {"newfile", cli::cmd_newfile},
     {"reset", cli::cmd_reset},     {"report", cli::cmd_report},   {"log", cli::cmd_log},
-    {"post", cli::cmd_post},
+    {"post", cli::cmd_post},       {"mklsr", cli::cmd_mklsr},     {"init", cli::cmd_init},
 };
 
 }  // namespace

@@ -1,0 +1,224 @@
+// trovalis init: writes a TEXMF.INI for TeX trees that exist already.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "cli.h"
+
+namespace cli {
+namespace {
+
+constexpr const char *kUsage =
+    "Usage: trovalis init [--tree DIR]... [-o FILE [--force]]\n"
+    "Write a TEXMF.INI for existing TeX trees: [common] TEXMF lists the trees,\n"
+    "[QDM] defines the common TeX file types over them, and the trees' ls-R\n"
+    "files are used as databases. Without --tree, the usual TeX Live trees of\n"
+    "this machine are used (your ~/texmf first when it exists). The file goes\n"
+    "to standard output, or to FILE with -o (an existing FILE is replaced only\n"
+    "with --force). Programs find it in their own directory or any above it.\n";
+
+// Values of one key are read into 256-byte buffers, and a file type's
+// definition may hold 63 characters.
+constexpr size_t kValueMax = 255;
+constexpr size_t kDefinitionMax = 63;
+
+// The file types written, each: name, definition. A '+' starts the suffixes
+// tried for a name without '.', a definition without '+' searches such a
+// name as it is (cmap files have no suffix).
+struct Type {
+  const char *name, *definition, *what;
+};
+constexpr Type kTypes[] = {
+    {"ls-R", "$TEXMF", "trees whose ls-R databases are loaded"},
+    {"tex", "$TEXMF/tex//+.tex", "TeX and LaTeX input: .tex .sty .cls .def .fd ..."},
+    {"tfm", "$TEXMF/fonts/tfm//+.tfm", "font metrics"},
+    {"vf", "$TEXMF/fonts/vf//+.vf", "virtual fonts"},
+    {"pk", "$TEXMF/fonts/pk//+.pk", "packed bitmap fonts"},
+    {"gf", "$TEXMF/fonts/gf//+.gf", "generic bitmap fonts"},
+    {"type1", "$TEXMF/fonts/type1//+.pfb.pfa", "Type 1 fonts"},
+    {"type42", "$TEXMF/fonts/type42//+.t42", "Type 42 fonts"},
+    {"opentype", "$TEXMF/fonts/{opentype,truetype}//+.otf", "OpenType fonts"},
+    {"truetype", "$TEXMF/fonts/{truetype,opentype}//+.ttf.ttc", "TrueType fonts"},
+    {"afm", "$TEXMF/fonts/afm//+.afm", "Adobe font metrics"},
+    {"enc", "$TEXMF/fonts/enc//+.enc", "font encodings"},
+    {"map", "$TEXMF/fonts/map//+.map", "font maps"},
+    {"lig", "$TEXMF/fonts/lig//+.lig", "ligature definitions"},
+    {"sfd", "$TEXMF/fonts/sfd//+.sfd", "subfont definitions"},
+    {"cmap", "$TEXMF/fonts/cmap//", "CMap files (no suffix)"},
+    {"cid", "$TEXMF/fonts/cid//+.cid.cidmap", "CID maps"},
+    {"fea", "$TEXMF/fonts/fea//+.fea", "font feature files"},
+    {"misc", "$TEXMF/fonts/misc//", "other font files"},
+    {"ofm", "$TEXMF/fonts/{ofm,tfm}//+.ofm.tfm", "Omega font metrics"},
+    {"ovf", "$TEXMF/fonts/{ovf,vf}//+.ovf.vf", "Omega virtual fonts"},
+    {"opl", "$TEXMF/fonts/opl//+.opl", "Omega property lists"},
+    {"ovp", "$TEXMF/fonts/ovp//+.ovp", "Omega virtual property lists"},
+    {"ocp", "$TEXMF/omega/ocp//+.ocp", "Omega translation processes"},
+    {"otp", "$TEXMF/omega/otp//+.otp", "Omega translation sources"},
+    {"bib", "$TEXMF/bibtex/bib//+.bib", "BibTeX databases"},
+    {"bst", "$TEXMF/bibtex/{bst,csf}//+.bst", "BibTeX styles"},
+    {"ist", "$TEXMF/makeindex//+.ist", "MakeIndex styles"},
+    {"mf", "$TEXMF/metafont//;$TEXMF/fonts/source//+.mf", "Metafont sources"},
+    {"mft", "$TEXMF/mft//+.mft", "MFT styles"},
+    {"mp", "$TEXMF/metapost//+.mp", "MetaPost sources"},
+    {"fmt", "$TEXMF/web2c//+.fmt", "TeX formats"},
+    {"base", "$TEXMF/web2c//+.base", "Metafont bases"},
+    {"mem", "$TEXMF/web2c//+.mem", "MetaPost mems"},
+    {"lua", "$TEXMF/scripts//;$TEXMF/tex//+.lua", "Lua code"},
+    {"web", "$TEXMF/web//+.web", "WEB sources"},
+    {"cweb", "$TEXMF/cweb//+.w", "CWEB sources"},
+    {"dvips", "$TEXMF/dvips//", "dvips configuration and headers"},
+    {"pdftex", "$TEXMF/pdftex//", "pdfTeX configuration"},
+    {"scripts", "$TEXMF/scripts//", "scripts of the distribution"},
+    {"source", "$TEXMF/source//", "sources of packages: .dtx .ins"},
+};
+
+bool is_dir(const std::string &path) {
+  struct stat st {};
+  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// The newest /usr/local/texlive/YYYY of an installation from upstream.
+std::string newest_texlive() {
+  std::string best;
+  if (DIR *d = opendir("/usr/local/texlive")) {
+    while (dirent *e = readdir(d)) {
+      const std::string n = e->d_name;
+      if (n.size() == 4 && n.find_first_not_of("0123456789") == std::string::npos && n > best)
+        best = n;
+    }
+    closedir(d);
+  }
+  return best.empty() ? "" : "/usr/local/texlive/" + best;
+}
+
+// The usual trees, in the order their files take precedence: the user's
+// own, the site's, the system's configuration and generated files (formats
+// live there), then the distribution's.
+std::vector<std::string> usual_trees() {
+  std::vector<std::string> candidates;
+  if (const char *home = std::getenv("HOME"); home != nullptr && home[0] != '\0')
+    candidates.push_back(std::string(home) + "/texmf");
+  candidates.insert(candidates.end(), {"/usr/local/share/texmf", "/etc/texmf", "/var/lib/texmf",
+                                       "/usr/share/texmf", "/usr/share/texlive/texmf-dist"});
+  if (const std::string tl = newest_texlive(); !tl.empty())
+    candidates.insert(candidates.end(), {"/usr/local/texlive/texmf-local", tl + "/texmf-var",
+                                         tl + "/texmf-config", tl + "/texmf-dist"});
+  std::vector<std::string> trees;
+  for (const std::string &c : candidates)
+    if (is_dir(c)) trees.push_back(c);
+  return trees;
+}
+
+std::string render(const std::vector<std::string> &trees) {
+  char date[32];
+  const std::time_t now = std::time(nullptr);
+  std::strftime(date, sizeof date, "%Y-%m-%d", std::localtime(&now));
+  std::string list;
+  for (const std::string &t : trees) list += (list.empty() ? "" : ",") + t;
+
+  std::string out = "; TEXMF.INI written by 'trovalis init' on " + std::string(date) + ".\n";
+  out += "; Trees without an ls-R file are searched on disk; run\n";
+  out += "; 'trovalis mklsr TREE' to give one a database.\n\n";
+  out += "[common]\nTEXMF={" + list + "}\n\n[QDM]\n";
+  for (const Type &t : kTypes)
+    out += "; " + std::string(t.what) + "\n" + t.name + "=" + t.definition + "\n";
+  return out;
+}
+
+bool write_file(const std::string &path, const std::string &text, bool force) {
+  const int flags = O_WRONLY | O_CREAT | O_TRUNC | (force ? 0 : O_EXCL);
+  const int fd = open(path.c_str(), flags, 0644);
+  if (fd < 0) {
+    if (errno == EEXIST)
+      std::fprintf(stderr, "trovalis init: %s exists; use --force to replace it\n", path.c_str());
+    else
+      std::fprintf(stderr, "trovalis init: cannot write %s: %s\n", path.c_str(), std::strerror(errno));
+    return false;
+  }
+  size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t n = write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      std::fprintf(stderr, "trovalis init: cannot write %s: %s\n", path.c_str(), std::strerror(errno));
+      close(fd);
+      return false;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return close(fd) == 0;
+}
+
+}  // namespace
+
+int cmd_init(int argc, char **argv) {
+  std::vector<std::string> trees;
+  const char *output = nullptr;
+  bool force = false;
+  for (int i = 0; i < argc; ++i) {
+    const char *a = argv[i];
+    if (is_help(a)) {
+      std::fputs(kUsage, stdout);
+      return kExitOk;
+    }
+    if (std::strcmp(a, "--tree") == 0 || std::strcmp(a, "-o") == 0) {
+      if (i + 1 == argc) return usage_error(kUsage, (std::string(a) + " needs an argument").c_str());
+      if (a[1] == 'o') {
+        output = argv[++i];
+      } else {
+        std::string t = argv[++i];
+        while (t.size() > 1 && t.back() == '/') t.pop_back();
+        trees.push_back(t);
+      }
+    } else if (std::strcmp(a, "--force") == 0) {
+      force = true;
+    } else {
+      return usage_error(kUsage, (std::string("unexpected argument '") + a + "'").c_str());
+    }
+  }
+  for (const std::string &t : trees) {
+    if (t.find_first_of(",;{}") != std::string::npos)
+      return usage_error(kUsage, ("a tree may not contain , ; { or }: " + t).c_str());
+    if (!is_dir(t)) {
+      std::fprintf(stderr, "trovalis init: %s: not a directory\n", t.c_str());
+      return kExitNotFound;
+    }
+  }
+  if (trees.empty()) trees = usual_trees();
+  if (trees.empty()) {
+    std::fprintf(stderr, "trovalis init: no TeX tree found; name one with --tree DIR\n");
+    return kExitNotFound;
+  }
+  size_t list = 2;  // the braces
+  for (const std::string &t : trees) list += t.size() + 1;
+  if (list - 1 > kValueMax) {
+    std::fprintf(stderr, "trovalis init: the trees' list is longer than %zu characters\n", kValueMax);
+    return kExitNotFound;
+  }
+  for (const Type &t : kTypes)
+    if (std::strlen(t.definition) > kDefinitionMax) return kExitNotFound;  // caught by the tests
+
+  const std::string text = render(trees);
+  if (output == nullptr) {
+    std::fputs(text.c_str(), stdout);
+    return kExitOk;
+  }
+  if (!write_file(output, text, force)) return kExitNotFound;
+  std::printf("wrote %s for %zu trees:\n", output, trees.size());
+  for (const std::string &t : trees) {
+    const bool indexed = access((t + "/ls-R").c_str(), R_OK) == 0;
+    std::printf("  %s%s\n", t.c_str(), indexed ? "" : "  (no ls-R: searched on disk)");
+  }
+  return kExitOk;
+}
+
+}  // namespace cli
