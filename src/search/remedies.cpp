@@ -179,8 +179,8 @@ bool package_spec(const char *marker, char *out, size_t size) {
   return n >= 0 && static_cast<size_t>(n) < size;
 }
 
-// Obtains the rights and runs the setup program with "-d" and spec.
-void run_setup(const char *spec) {
+// Obtains the rights and runs the setup program with "-d" and the package spec.
+void run_setup(const char *pkg_spec) {
   if (AuthRef == 0) {
     AuthRef = platform::admin_create(&myAuthorizationRef) ? 1 : -1;
     if (AuthRef < 0) message(kCreateFailed, "");
@@ -199,7 +199,7 @@ void run_setup(const char *spec) {
   }
   const char *setup = find_AppBundle(path);
   message("Running ", setup);
-  const char *const args[] = {"-d", spec, nullptr};
+  const char *const args[] = {"-d", pkg_spec, nullptr};
   platform::AdminRun run;
   if (!platform::admin_execute(myAuthorizationRef, setup, args, &run)) {
     message(kCantExecute, setup);
@@ -231,14 +231,14 @@ void auto_make(const char *command, const char *name, bool to_window) {
 
 void auto_download(const char *marker) {
   message("INFO: Downloading ", marker);
-  char spec[kCandidateBuf];
-  const bool fits = package_spec(marker, spec, sizeof spec);
-  if (fits) message("INFO: Downloading and Installing: ", spec);
+  char pkg_spec[kCandidateBuf];
+  const bool fits = package_spec(marker, pkg_spec, sizeof pkg_spec);
+  if (fits) message("INFO: Downloading and Installing: ", pkg_spec);
   else message("ERROR: Package name too long, not downloaded: ", marker);
 
   DownloadRun run;
   run.wait();
-  if (fits) run_setup(spec);
+  if (fits) run_setup(pkg_spec);
 
   // Reset even when nothing was installed: the search that follows then
   // meets the marker again and reports it, the same way for every failure.

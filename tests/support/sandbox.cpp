@@ -277,4 +277,22 @@ std::string read_file(const std::string &path) {
   return ss.str();
 }
 
+SavedModes::SavedModes() {
+  std::memcpy(make_, MakeLocked, sizeof make_);
+  std::memcpy(download_, AutoDownload, sizeof download_);
+  std::memcpy(prog_, ProgName, sizeof prog_);
+  console_ = ConsoleErr;
+  wait_ = WaitPassMessages;
+  trace_ = Trace;
+}
+
+SavedModes::~SavedModes() {
+  std::memcpy(MakeLocked, make_, sizeof make_);
+  std::memcpy(AutoDownload, download_, sizeof download_);
+  std::memcpy(ProgName, prog_, sizeof prog_);
+  ConsoleErr = console_;
+  WaitPassMessages = wait_;
+  Trace = trace_;
+}
+
 }  // namespace trv::test

@@ -107,4 +107,19 @@ class AttachedTest {
 
 std::string read_file(const std::string &path);
 
+// Puts this process's search and front-end modes back at the end of a
+// test: MakeLocked, AutoDownload, ConsoleErr, WaitPassMessages, Trace and
+// ProgName.
+class SavedModes {
+ public:
+  SavedModes();
+  ~SavedModes();
+  SavedModes(const SavedModes &) = delete;
+  SavedModes &operator=(const SavedModes &) = delete;
+
+ private:
+  int make_[2], download_[2], console_, wait_, trace_;
+  char prog_[64];
+};
+
 }  // namespace trv::test

@@ -15,29 +15,6 @@
 namespace trv {
 namespace {
 
-// Keeps one test's modes from leaking into the next.
-class SavedModes {
- public:
-  SavedModes() {
-    std::memcpy(make_, MakeLocked, sizeof make_);
-    std::memcpy(download_, AutoDownload, sizeof download_);
-    std::memcpy(prog_, ProgName, sizeof prog_);
-    wait_ = WaitPassMessages;
-    trace_ = Trace;
-  }
-  ~SavedModes() {
-    std::memcpy(MakeLocked, make_, sizeof make_);
-    std::memcpy(AutoDownload, download_, sizeof download_);
-    std::memcpy(ProgName, prog_, sizeof prog_);
-    WaitPassMessages = wait_;
-    Trace = trace_;
-  }
-
- private:
-  int make_[2], download_[2], wait_, trace_;
-  char prog_[64];
-};
-
 class FrontEndTest : public ::testing::Test {
  protected:
   FrontEndTest() {
@@ -49,7 +26,7 @@ class FrontEndTest : public ::testing::Test {
   }
   std::string find(const std::string &request) { return QDMFind(request.c_str()); }
   std::string p(const std::string &rel) const { return attached.box.path(rel); }
-  SavedModes modes;
+  test::SavedModes modes;
   test::AttachedTest attached{
       "[common]\nTEXMF=$SELFAUTOPARENT/texmf\nWHO=common\n"
       "[latex]\nWHO=latex\n"

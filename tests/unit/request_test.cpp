@@ -45,29 +45,6 @@ std::vector<std::string> new_lines(size_t before) {
 }
 size_t log_count() { return static_cast<size_t>(QDMMsgInfo()[1]); }
 
-// Keeps the per-process modes of one test from leaking into the next.
-class SavedModes {
- public:
-  SavedModes() {
-    std::memcpy(make_, MakeLocked, sizeof make_);
-    std::memcpy(download_, AutoDownload, sizeof download_);
-    std::memcpy(prog_, ProgName, sizeof prog_);
-    console_ = ConsoleErr;
-    trace_ = Trace;
-  }
-  ~SavedModes() {
-    std::memcpy(MakeLocked, make_, sizeof make_);
-    std::memcpy(AutoDownload, download_, sizeof download_);
-    std::memcpy(ProgName, prog_, sizeof prog_);
-    ConsoleErr = console_;
-    Trace = trace_;
-  }
-
- private:
-  int make_[2], download_[2], console_, trace_;
-  char prog_[64];
-};
-
 constexpr const char *kIni =
     "[common]\n"
     "TEXMF={$SELFAUTOPARENT/texmf}\n"
@@ -106,7 +83,7 @@ class RequestTest : public ::testing::Test {
   }
   std::string p(const std::string &rel) const { return box().path(rel); }
 
-  SavedModes modes;
+  test::SavedModes modes;
   test::AttachedTest attached{kIni};
 };
 
