@@ -97,12 +97,19 @@ bool stamp_ok(HolderRecord *r) {
   return load(&r->magic) == kHolderMagic && load(&r->version) == kHolderVersion;
 }
 
-// Opens and maps the companion, replacing whatever mapping h had.
+// Opens and maps the companion, replacing whatever mapping h had. The
+// mapping is made through an open of its own, closed at once: a mapping
+// keeps its open file description alive, and with it any lock on it, in
+// every process that inherits the mapping by fork. Were the lifetime lock on
+// that description, a forked child living on would keep a dead parent's
+// ticket looking alive. The descriptor that carries the lock is used for
+// nothing else and is closed in forked children.
 bool open_companion(Holder *h, const char **why) {
   errno = 0;
-  h->fd = platform::holder_open(h->name, why);
-  if (h->fd < 0) return false;
-  void *map = platform::holder_map(h->fd);
+  const int map_fd = platform::holder_open(h->name, why);
+  if (map_fd < 0) return false;
+  void *map = platform::holder_map(map_fd);
+  close(map_fd);  // before any lock is taken: see holder_macos.cpp
   if (map == nullptr) {
     *why = "cannot be mapped";
     return false;
@@ -114,7 +121,8 @@ bool open_companion(Holder *h, const char **why) {
     *why = "has a layout this build does not know";
     return false;
   }
-  return true;
+  h->fd = platform::holder_open(h->name, why);
+  return h->fd >= 0;
 }
 
 bool draw_ticket(Holder *h, const char **why) {

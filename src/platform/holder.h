@@ -31,11 +31,13 @@ bool holder_object_name(const char *lock_name, char *buf, size_t size);
 // it (mode 0600, zero-filled, kHolderObjectBytes long) when it is missing.
 // An object that is not a regular file of this user with no access for
 // others, or that is too short, is refused. Returns the descriptor, or -1
-// with `why` set to a short reason; errno is kept for LastErr where a call
-// failed.
+// with `why` set to a short reason and errno to the failed call's error (0
+// when no call failed but the object was refused).
 int holder_open(const char *lock_name, const char **why);
 
 // Maps kHolderObjectBytes of the open companion shared; nullptr on failure.
+// The mapping holds on to the descriptor's open file description, so map
+// through a descriptor that carries no lifetime lock.
 void *holder_map(int fd);
 void holder_unmap(void *map);
 

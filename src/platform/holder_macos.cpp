@@ -72,16 +72,23 @@ int holder_open(const char *lock_name, const char **why) {
   }
   struct stat st {};
   const char *bad = nullptr;
-  if (fstat(fd, &st) != 0) bad = "cannot be examined";
-  else if (!S_ISREG(st.st_mode)) bad = "is not a regular file";
-  else if (st.st_uid != geteuid()) bad = "is owned by another user";
-  else if ((st.st_mode & 077) != 0) bad = "is open to other users";
-  else if (st.st_size == 0 && ftruncate(fd, static_cast<off_t>(kHolderObjectBytes)) != 0)
+  int err = 0;  // set where a call failed, so that the report can say why
+  if (fstat(fd, &st) != 0) {
+    bad = "cannot be examined";
+    err = errno;
+  } else if (!S_ISREG(st.st_mode)) {
+    bad = "is not a regular file";
+  } else if (st.st_uid != geteuid()) {
+    bad = "is owned by another user";
+  } else if ((st.st_mode & 077) != 0) {
+    bad = "is open to other users";
+  } else if (st.st_size == 0 && ftruncate(fd, static_cast<off_t>(kHolderObjectBytes)) != 0) {
     bad = "cannot be sized";
-  else if (st.st_size != 0 && st.st_size < static_cast<off_t>(kHolderObjectBytes))
+    err = errno;
+  } else if (st.st_size != 0 && st.st_size < static_cast<off_t>(kHolderObjectBytes)) {
     bad = "is too short";
+  }
   if (bad != nullptr) {
-    const int err = errno;
     close(fd);
     errno = err;
     *why = bad;
