@@ -40,8 +40,7 @@ int wait_retrying(sem_t *sem) {
 // processes in from then on. Only a process that bypassed the holder record
 // (or a take adopted from it) can make that happen; the check costs a load.
 int post_once(sem_t *sem) {
-  int value = 0;
-  if (sem_getvalue(sem, &value) == 0 && value > 0) return 0;
+  if (platform::semaphore_known_free(sem)) return 0;
   return sem_post(sem);
 }
 
@@ -123,7 +122,9 @@ void log_takeover(QDMLock *, const Takeover &t) {
 // private stand-in free again, and without the parent's tickets.
 void after_fork_in_child() {
   for (QDMLock *l = g_handles; l != nullptr; l = l->next_handle) {
+#ifndef __APPLE__  // there is no private stand-in there (see CreateMutex)
     if (l->priv && l->sem != nullptr && l->count > 0) sem_init(&l->priv_sem, 0, 1);
+#endif
     l->count = 0;
   }
   holder_forget_after_fork();
