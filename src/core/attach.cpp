@@ -18,6 +18,7 @@
 
 #include "core/lock.h"
 #include "core/region.h"
+#include "core/repair.h"
 #include "trovalis.h"
 #include "trovalis_config.h"
 
@@ -248,6 +249,10 @@ bool attach() {
   if (Lock == nullptr)
     return report(TDSError, "ERROR [%s] in creating of MUTEX Name=`%s'", LastErr(), Cache_Lock);
   g_private = Lock->priv;
+  // A holder that died may have left the region half-written; the process
+  // that takes the lock over repairs it (after mapping it, when that
+  // happens in this very wait).
+  Lock->after_takeover = cache_lock_taken_over;
   WaitForSingleObject(Lock, -1);
 
   Init = 1;
@@ -320,6 +325,7 @@ bool attach() {
   program_name();
 
   if (Init == 1) {
+    drop_pending_repair();
     if (!first_time_init()) return fail_locked(TDSError, "Can't locate TEXMF.INI file.");
   } else {
     const int32_t env = hdr(Word::Env_String);
@@ -327,6 +333,7 @@ bool attach() {
     if (text != nullptr && std::getenv("USERPROFILE") == nullptr && std::strchr(text, '=')) {
       putenv(strdup(text));  // putenv keeps the pointer: hand it a private copy
     }
+    repair_pending_region();
   }
   ReleaseMutex(Lock);
 

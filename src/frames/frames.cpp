@@ -67,9 +67,12 @@ int RegisterFrame(const char *name, int handle) {
   const int i = slot_search(table, cut);
   if (i < 0) return 0;
   char *f = frame(table, i);
+  // The handle last: a process killed in the middle of this leaves a dead
+  // entry, not a live handle paired with another process's id.
+  storei(f + FrameLayout::kHandle, 0);
   std::memcpy(f + FrameLayout::kName, cut, std::strlen(cut) + 1);
-  storei(f + FrameLayout::kHandle, handle);
   storei(f + FrameLayout::kPid, static_cast<int32_t>(getpid()));
+  storei(f + FrameLayout::kHandle, handle);
   return 1;
 }
 

@@ -31,10 +31,17 @@ bool executable_path_override(char *buf, size_t size, bool *used) {
   return true;
 }
 
-#if TROVALIS_HAVE_SEM_TIMEDWAIT
+#if TROVALIS_HAVE_SEM_CLOCKWAIT || TROVALIS_HAVE_SEM_TIMEDWAIT
 int sem_wait_for(sem_t *sem, long ms) {
+  // The monotonic clock where the system can wait on it, so that a change
+  // of the wall clock neither stretches a slice nor cuts it to nothing.
+#if TROVALIS_HAVE_SEM_CLOCKWAIT
+  constexpr clockid_t kClock = CLOCK_MONOTONIC;
+#else
+  constexpr clockid_t kClock = CLOCK_REALTIME;
+#endif
   timespec deadline{};
-  clock_gettime(CLOCK_REALTIME, &deadline);
+  clock_gettime(kClock, &deadline);
   deadline.tv_sec += ms / 1000;
   deadline.tv_nsec += (ms % 1000) * 1000000L;
   if (deadline.tv_nsec >= 1000000000L) {
@@ -42,13 +49,17 @@ int sem_wait_for(sem_t *sem, long ms) {
     deadline.tv_nsec -= 1000000000L;
   }
   for (;;) {
+#if TROVALIS_HAVE_SEM_CLOCKWAIT
+    if (sem_clockwait(sem, kClock, &deadline) == 0) return 0;
+#else
     if (sem_timedwait(sem, &deadline) == 0) return 0;
+#endif
     if (errno != EINTR) return errno;
   }
 }
 #else
-// No sem_timedwait (macOS): poll with sem_trywait, backing off from 1 ms to
-// 20 ms so that a short wait stays short and a long one costs little.
+// No timed wait at all (macOS): poll with sem_trywait, backing off from
+// 1 ms to 20 ms so that a short wait stays short and a long one costs little.
 int sem_wait_for(sem_t *sem, long ms) {
   long waited = 0, step = 1;
   for (;;) {

@@ -19,6 +19,10 @@ void set_executable_path_override(const char *path);
 // Returns 0 when taken, ETIMEDOUT on time-out, or another errno value.
 int sem_wait_for(sem_t *sem, long ms);
 
+// True when the semaphore's value is known to be above 0 (free). False when
+// it is taken, or when the system cannot say (macOS has no sem_getvalue).
+bool semaphore_known_free(sem_t *sem);
+
 // Checks that the system file behind the named semaphore `name` (where the
 // system keeps one) is a regular file owned by the current user. Sets
 // `why` to a short reason when it is not. Returns true when acceptable or

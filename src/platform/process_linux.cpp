@@ -1,4 +1,5 @@
-// Linux: the executable's path from /proc, the semaphore's backing file.
+// Linux: the executable's path from /proc, the semaphore's value and
+// backing file.
 #include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,6 +25,11 @@ bool executable_path(char *buf, size_t size) {
   }
   buf[n] = '\0';
   return true;
+}
+
+bool semaphore_known_free(sem_t *sem) {
+  int value = 0;
+  return sem_getvalue(sem, &value) == 0 && value > 0;
 }
 
 // glibc keeps a named semaphore "/name" as the file /dev/shm/sem.name.

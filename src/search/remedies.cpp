@@ -58,6 +58,7 @@ class DownloadRun {
     char name[sizeof Download_Lock + 64];
     if (!download_lock_name(name, sizeof name)) errno = ENAMETOOLONG;
     else lock_ = CreateMutex(nullptr, 0, name);
+    set_lock_timing(lock_, kDownloadLockTiming);
     if (lock_ == nullptr) {
       char text[256];
       std::snprintf(text, sizeof text, "[%s] of creating MUTEX '%s'", LastErr(), name);
@@ -73,6 +74,7 @@ class DownloadRun {
   DownloadRun &operator=(const DownloadRun &) = delete;
 
   // No time limit: a make command or a download takes as long as it takes.
+  // Only a holder that died is taken over (see core/lock.h).
   void wait() {
     if (lock_ == nullptr) return;
     WaitForSingleObject(lock_, -1);

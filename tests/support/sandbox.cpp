@@ -21,6 +21,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "platform/holder.h"
 #include "platform/platform.h"
 #include "trovalis.h"
 
@@ -91,6 +92,8 @@ Sandbox::~Sandbox() {
   shm_unlink(region_name().c_str());
   sem_unlink(lock_name().c_str());
   sem_unlink(download_lock_name().c_str());
+  platform::holder_remove(lock_name().c_str());
+  platform::holder_remove(download_lock_name().c_str());
   std::error_code ec;
   fs::remove_all(root_, ec);
 }

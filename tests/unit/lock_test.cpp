@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "core/lock.h"
+#include "platform/holder.h"
 #include "support/sandbox.h"
 #include "trovalis.h"
 
@@ -26,6 +27,7 @@ class LockTest : public ::testing::Test {
   void TearDown() override {
     mtx_close(lock_);
     sem_unlink(name_);
+    platform::holder_remove(name_);
   }
   int value() {
     int v = -1;

@@ -2,6 +2,7 @@
 // setup program's run with granted, refused and missing rights or program,
 // the package spec, failures of the system, and the download lock.
 #include <fcntl.h>
+#include <signal.h>
 #include <semaphore.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -20,6 +21,7 @@
 #include "core/lock.h"
 #include "core/region.h"
 #include "search/search.h"
+#include "support/forked.h"
 #include "support/sandbox.h"
 #include "trovalis.h"
 
@@ -226,6 +228,29 @@ TEST_F(RemediesTest, ACallerHoldingTheCacheLockRunsWithoutTheDownloadLock) {
   }
   EXPECT_EQ(g_lines.front(), "ERROR: download lock not taken: the cache lock is held");
   EXPECT_TRUE(exists("made/cmr10"));
+}
+
+// A make run whose predecessor died holding the download lock goes on: the
+// lock is taken over (after a slice of the download lock's longer watch),
+// and the log says from whom.
+TEST_F(RemediesTest, AMakeRunGoesOnAfterTheDownloadLockHolderDied) {
+  const std::string lock = attached.box.download_lock_name();
+  test::Forked holder([&](test::Forked &me) {
+    WaitForSingleObject(CreateMutex(nullptr, 0, lock.c_str()), -1);
+    me.say("held");
+    for (;;) pause();
+    return 0;
+  });
+  ASSERT_EQ(holder.read_line(), "held");
+  const pid_t pid = holder.pid();
+  holder.kill_and_wait(SIGKILL);
+  EXPECT_FALSE(download_lock_free());
+
+  auto_make(p("bin/mkfile").c_str(), "cmr10", true);
+  EXPECT_THAT(g_lines, Contains("WARNING: lock `" + lock + "' taken over from dead process " +
+                                std::to_string(pid)));
+  EXPECT_TRUE(exists("made/cmr10"));
+  EXPECT_TRUE(download_lock_free());
 }
 
 // The setup program's run in every outcome. Whatever happens, the
