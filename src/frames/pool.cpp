@@ -4,7 +4,28 @@
 
 #include "core/lock.h"
 #include "core/region.h"
+#include "core/validate.h"
 #include "trovalis.h"
+
+namespace trv {
+namespace {
+
+// Hosts read the pool as texts up to the empty one, so it is handed out
+// only when that walk ends inside the data area.
+bool pool_sound(int32_t low, int32_t top) {
+  for (int64_t off = low; off <= top;) {
+    const char *t = text_at(static_cast<int32_t>(off));
+    if (t == nullptr) return false;
+    if (t[0] == '\0') return true;
+    off += static_cast<int64_t>(std::strlen(t)) + 1;
+  }
+  return false;
+}
+
+char g_empty_pool[2] = "";
+
+}  // namespace
+}  // namespace trv
 
 using namespace trv;
 
@@ -28,8 +49,12 @@ int QDMAddToPool(const char *text) {
 }
 
 char *QDMGetPool(void) {
-  char *p = at(hdr(Word::Pool_Low), 1);
-  return p ? p : at(hdr(Word::Mem_Max) - 1, 1);
+  const int32_t low = hdr(Word::Pool_Low);
+  if (!pool_sound(low, hdr(Word::Mem_Max) - 1)) {
+    if (region_mapped()) note_damage("the resource pool");
+    return g_empty_pool;
+  }
+  return at(low, 1);
 }
 
 void QDMClearPool(void) {
@@ -44,8 +69,15 @@ void QDMDeinstallPooledFonts(void) {}
 
 int QDMImageCacheIndexPool(void **address, int *size) {
   const int32_t off = hdr(Word::Image_Pool);
-  if (address) *address = off > 0 ? at(off, kImagePoolBytes) : nullptr;
-  if (size) *size = hdr(Word::Image_Size);
+  void *pool = off > 0 ? at(off, kImagePoolBytes) : nullptr;
+  // The host writes as much as it is told: a damaged size is not passed on.
+  const int32_t bytes = hdr(Word::Image_Size);
+  if (pool == nullptr || bytes != kImagePoolBytes) {
+    if (region_mapped()) note_damage("the image pool");
+    pool = nullptr;
+  }
+  if (address) *address = pool;
+  if (size) *size = pool != nullptr ? bytes : 0;
   return 1;
 }
 

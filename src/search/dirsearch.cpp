@@ -18,6 +18,7 @@
 #include "core/lock.h"
 #include "core/message.h"
 #include "core/region.h"
+#include "core/validate.h"
 #include "trovalis.h"
 
 namespace trv {
@@ -133,10 +134,14 @@ std::vector<std::string> elements(int list) {
   std::vector<std::string> out;
   QuietCacheGuard guard;
   if (!region_mapped()) return out;
+  const uint32_t damage = damage_seen();
   walk_chain(list, [&](int32_t e) {
     out.emplace_back(entry_key(e));
     return true;
   });
+  // A damaged list is taken as empty rather than searched (see fetch in
+  // request.cpp).
+  if (damage_seen() != damage) out.clear();
   return out;
 }
 
