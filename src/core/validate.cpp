@@ -25,6 +25,7 @@ struct Noted {
   uint32_t count = 0;
 } g_noted;
 bool g_partial_view = false;
+const char *g_last = "";
 
 Finding fixed(const char *what) { return {Fault::Recreate, what}; }
 Finding rebuild(const char *what) { return {Fault::Rebuild, what}; }
@@ -152,15 +153,19 @@ class RegionWalk {
     });
   }
 
-  // Texts packed from Pool_Low up to the empty text at Mem_Max - 1.
+  // Texts packed from Pool_Low up to the empty text at Mem_Max - 1, read
+  // the way hosts read them: up to the first empty text, which must come
+  // by then.
   void pool() {
     const int32_t top = word(Word::Mem_Max) - 1;
-    for (int64_t off = word(Word::Pool_Low); off < top;) {
-      if (!text_within(off, off, top + 1)) {
+    for (int64_t off = word(Word::Pool_Low);;) {
+      if (off > top || !text_within(off, off, top + 1)) {
         fail("the resource pool");
         return;
       }
-      off += static_cast<int64_t>(std::strlen(text_at(static_cast<int32_t>(off)))) + 1;
+      const size_t len = std::strlen(text_at(static_cast<int32_t>(off)));
+      if (len == 0) return;
+      off += static_cast<int64_t>(len) + 1;
     }
   }
 
@@ -234,6 +239,7 @@ Finding check_region() {
 
 void note_damage(const char *what) {
   ++g_noted.count;
+  g_last = what;
   if (g_noted.pending) return;
   g_noted.pending = true;
   g_noted.what = what;
@@ -243,6 +249,8 @@ void note_damage(const char *what) {
 void report_damage(const char *what) { message(kDamaged, what); }
 
 uint32_t damage_seen() { return g_noted.count; }
+
+const char *last_damage() { return g_last; }
 
 void forget_damage() { g_noted.pending = false; }
 

@@ -55,6 +55,8 @@ void note_damage(const char *what);
 // Counts note_damage() calls in this process, so that a caller can tell
 // whether a walk it just made met damage.
 uint32_t damage_seen();
+// What the latest note_damage() said ("" before any).
+const char *last_damage();
 // Forgets noted damage without repairing it (tests and fuzzing drive
 // readers over images that no reset could rebuild).
 void forget_damage();
