@@ -34,6 +34,8 @@ extern "C" {
 int QDMAddToPool(const char *text) {
   if (text == nullptr) return 0;
   const size_t len = std::strlen(text);
+  // Readers take no text longer than kTextMax; one would read as damage.
+  if (len > static_cast<size_t>(kTextMax)) return 0;
   CacheGuard guard;
   const int64_t used = hdr(Word::Mem_Used);
   const int64_t low = hdr(Word::Pool_Low);

@@ -151,6 +151,8 @@ std::vector<std::string> copy_list(int list) { return elements(list); }
 
 char *search_elements(const std::vector<std::string> &list, const char *name, char *buf) {
   const size_t name_len = std::strlen(name);
+  // An empty name would find each directory itself.
+  if (name_len == 0) return nullptr;
   for (const std::string &element : list) {
     const char *text = element.c_str();
     if (std::strcmp(text, ".") == 0) continue;
