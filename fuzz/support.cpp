@@ -70,6 +70,13 @@ struct State {
 };
 State *g_state = nullptr;
 
+// A fuzz program ends without release(); its directory goes with it.
+void remove_scratch_at_exit() {
+  if (g_state == nullptr) return;
+  std::error_code ec;
+  std::filesystem::remove_all(g_state->root, ec);
+}
+
 void set_env(State &s, const char *name, const char *value) {
   if (!s.env.count(name)) {
     const char *old = std::getenv(name);
@@ -101,6 +108,8 @@ State *make_state() {
   char tmpl[] = "/tmp/trovalis-fuzz-XXXXXX";
   if (mkdtemp(tmpl) == nullptr) fail("mkdtemp", __FILE__, __LINE__);
   s->root = tmpl;
+  static const bool registered = std::atexit(remove_scratch_at_exit) == 0;
+  (void)registered;
   for (const Files &f : kFiles) {
     const fs::path p = fs::path(s->root) / f.rel;
     fs::create_directories(p.parent_path());
