@@ -323,6 +323,7 @@ bool attach() {
   // the mark is repaired by a reset below, once the program name is known.
   // A region larger than this process maps is not judged from part of it.
   const char *damaged = nullptr;
+  forget_damage();  // what was noted concerned an earlier mapping
   set_partial_view(Init == 0 && st.st_size > View_Len);
   if (Init == 0 && st.st_size == View_Len) {
     const Finding f = check_header();

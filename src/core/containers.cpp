@@ -200,7 +200,7 @@ void lru_insert(int list, const char *key, int value) {
     target = new_entry(key, value, first > 0 ? first : 0);
     if (target < 0) return;
     storei(h + LruHeadLayout::kFirst, target);
-    storei(h + LruHeadLayout::kCount, loadi(h + LruHeadLayout::kCount) + 1);
+    store32(h + LruHeadLayout::kCount, load32(h + LruHeadLayout::kCount) + 1u);
   }
   entry_set_value(target, value);
   if (Trace_LRU) {

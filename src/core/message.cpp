@@ -30,6 +30,12 @@ char *msg_table(int32_t *max_out) {
   return t;
 }
 
+// Counters go round after 2^32 posts (or from whatever another process left
+// in them) rather than overflow.
+void count_one(Word w) {
+  set_hdr(w, static_cast<int32_t>(static_cast<uint32_t>(hdr(w)) + 1u));
+}
+
 // The text bytes of the slot that a table word designates, or nullptr.
 char *slot_text(int32_t word) {
   char *slot = at(word, MsgSlotLayout::kTextBytes);
@@ -68,7 +74,8 @@ int _QDMMessage(const char *source, const char *text, int type) {
 
   const int32_t spare = loadi(table + 4 * max);
   char *slot = slot_text(spare);
-  char *type_bytes = at(spare - MsgSlotLayout::kText, MsgSlotLayout::kText);
+  // A slot found by slot_text() starts at a non-negative offset.
+  char *type_bytes = slot ? at(spare - MsgSlotLayout::kText, MsgSlotLayout::kText) : nullptr;
   if (slot == nullptr || type_bytes == nullptr) {
     note_damage(kBadQueue);
     return 0;
@@ -109,9 +116,9 @@ int _QDMMessage(const char *source, const char *text, int type) {
     type_bytes[2] = static_cast<char>(u >> 8);
     type_bytes[MsgSlotLayout::kType] = static_cast<char>(0xFF);
   }
-  if (type == 4) set_hdr(Word::Msg_Warnings, hdr(Word::Msg_Warnings) + 1);
-  if (type == 5) set_hdr(Word::Msg_Type5, hdr(Word::Msg_Type5) + 1);
-  set_hdr(Word::Msg_Total, hdr(Word::Msg_Total) + 1);
+  if (type == 4) count_one(Word::Msg_Warnings);
+  if (type == 5) count_one(Word::Msg_Type5);
+  count_one(Word::Msg_Total);
   return 1;
 }
 

@@ -12,7 +12,7 @@ namespace {
 
 // Hosts read the pool as texts up to the empty one, so it is handed out
 // only when that walk ends inside the data area.
-bool pool_sound(int32_t low, int32_t top) {
+bool pool_sound(int32_t low, int64_t top) {
   for (int64_t off = low; off <= top;) {
     const char *t = text_at(static_cast<int32_t>(off));
     if (t == nullptr) return false;
@@ -52,7 +52,7 @@ int QDMAddToPool(const char *text) {
 
 char *QDMGetPool(void) {
   const int32_t low = hdr(Word::Pool_Low);
-  if (!pool_sound(low, hdr(Word::Mem_Max) - 1)) {
+  if (!pool_sound(low, static_cast<int64_t>(hdr(Word::Mem_Max)) - 1)) {
     if (region_mapped()) note_damage("the resource pool");
     return g_empty_pool;
   }
@@ -60,7 +60,9 @@ char *QDMGetPool(void) {
 }
 
 void QDMClearPool(void) {
-  const int32_t top = hdr(Word::Mem_Max) - 1;
+  // Mem_Max is at least 1 in any region at() accepts it for.
+  const int32_t max = hdr(Word::Mem_Max);
+  const int32_t top = max > 0 ? max - 1 : -1;
   char *p = at(top, 1);
   if (p == nullptr) return;
   set_hdr(Word::Pool_Low, top);
