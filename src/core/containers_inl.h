@@ -33,23 +33,25 @@ class WalkBudget {
   WalkBudget &operator=(const WalkBudget &) = delete;
 };
 
-// The first offset is the caller's: one that holds no entry is "none". A
+// The first offset is the caller's: one that holds no entry is "none",
+// unless `first_is_link` says it was read from the region (a list head). A
 // link read from an entry that leads nowhere, a circle (found by Brent's
 // method: the walk stops within two rounds of it) or a list longer than
 // the data area can hold is damage: noted, and the walk ends there.
 template <class F>
-int64_t walk_chain(int32_t first, F &&visit) {
+int64_t walk_chain(int32_t first, F &&visit, bool first_is_link) {
   using namespace walk_detail;
   const int64_t limit = max_walk();
+  const bool shared = g_budget_depth > 0;
   int64_t n = 0;
   int32_t tortoise = first;
   int64_t power = 1, lap = 0;
   for (int32_t e = first; e > 0; ++n) {
     if (entry_key(e) == nullptr) {
-      if (n > 0) note_damage(kBadLink);
+      if (n > 0 || first_is_link) note_damage(kBadLink);
       break;
     }
-    if (n >= limit || (g_budget_depth > 0 && --g_shared_steps < 0)) {
+    if (n >= limit || (shared && --g_shared_steps < 0)) {
       note_damage(kTooLong);
       break;
     }

@@ -19,7 +19,6 @@ constexpr int32_t kRecordBytes = 16;  // a format record: four words
 constexpr int32_t kKnownEmpty = 1;    // a value table's "no such value"
 
 struct Noted {
-  bool pending = false;
   const char *what = "";
   int32_t resets = 0;  // Reset_Count when the damage was met
   uint32_t count = 0;
@@ -175,6 +174,8 @@ class RegionWalk {
 
 }  // namespace
 
+bool g_damage_pending = false;
+
 Finding check_header() {
   if (!region_mapped() || word(Word::Version) != kLayoutVersion) return {};
   const int64_t data = data_bytes();
@@ -186,7 +187,6 @@ Finding check_header() {
   if (max <= 0 || max > data - 4) return fixed("Mem_Max lies outside the mapping");
   if (mark <= 0 || mark >= max) return fixed("Mem_Mark lies outside the arena");
   if (low <= mark || low > max - 1) return fixed("Pool_Low lies outside the arena");
-  if (*at(static_cast<int32_t>(max - 1), 1) != '\0') return fixed("the resource pool has no end");
   if (word(Word::Msg_Max) != kMsgMax || word(Word::Msg_Len) != kMsgLen ||
       word(Word::Frame_Size) != kFrameTableBytes || word(Word::Image_Size) != kImagePoolBytes)
     return fixed("a fixed size in the header");
@@ -209,6 +209,22 @@ Finding check_header() {
 
   // What a reset rewrites.
   if (used < mark || used >= low) return rebuild("Mem_Used lies outside the arena");
+  // Only where these objects lie: what they hold is the full check's.
+  for (const Word w : {Word::Root_LRU, Word::Common_Hash, Word::SectDir_Hash, Word::DB_Hash,
+                       Word::Alias_Hash, Word::DB_Dirs, Word::Mirror_List, Word::Net_Index}) {
+    const int64_t off = word(w);
+    if (off != 0 && (off < mark || off + 4 > used)) return rebuild("a word of the header that a reset rewrites");
+  }
+  if (const int32_t m = word(Word::Moderation); m != 0 && m != 1) return rebuild("Moderation");
+  return {};
+}
+
+Finding check_region() {
+  const Finding head = check_header();
+  if (head.fault != Fault::None || !region_mapped() || word(Word::Version) != kLayoutVersion)
+    return head;
+  if (*at(word(Word::Mem_Max) - 1, 1) != '\0') return fixed("the resource pool has no end");
+  const int32_t mark = word(Word::Mem_Mark), used = word(Word::Mem_Used);
   const int32_t root = word(Word::Root_LRU);
   if (root != 0 && !(within(root, LruHeadLayout::kName + 1, mark, used) &&
                      text_within(root + LruHeadLayout::kName, mark, used)))
@@ -223,14 +239,6 @@ Finding check_header() {
     return rebuild("a list word of the header");
   if (const int32_t net = word(Word::Net_Index); net != 0 && !text_within(net, mark, used))
     return rebuild("Net_Index");
-  if (const int32_t m = word(Word::Moderation); m != 0 && m != 1) return rebuild("Moderation");
-  return {};
-}
-
-Finding check_region() {
-  const Finding head = check_header();
-  if (head.fault != Fault::None || !region_mapped() || word(Word::Version) != kLayoutVersion)
-    return head;
   RegionWalk walk;
   walk.run();
   if (walk.fault() != nullptr) return rebuild(walk.fault());
@@ -240,8 +248,8 @@ Finding check_region() {
 void note_damage(const char *what) {
   ++g_noted.count;
   g_last = what;
-  if (g_noted.pending) return;
-  g_noted.pending = true;
+  if (g_damage_pending) return;
+  g_damage_pending = true;
   g_noted.what = what;
   g_noted.resets = hdr(Word::Reset_Count);
 }
@@ -252,16 +260,16 @@ uint32_t damage_seen() { return g_noted.count; }
 
 const char *last_damage() { return g_last; }
 
-void forget_damage() { g_noted.pending = false; }
+void forget_damage() { g_damage_pending = false; }
 
 void set_partial_view(bool partial) { g_partial_view = partial; }
 
-void repair_damage() {
-  if (!g_noted.pending) return;
+void repair_noted_damage() {
+  if (!g_damage_pending) return;
   // Only the outermost holder of the lock may rebuild: a caller further out
   // may still hold offsets into what the rebuild discards.
   if (Lock != nullptr && Lock->count > 1) return;
-  g_noted.pending = false;
+  g_damage_pending = false;
   if (!region_mapped() || g_partial_view || hdr(Word::Version) != kLayoutVersion) return;
   // Another process met the same damage first and rebuilt the region.
   if (hdr(Word::Reset_Count) != g_noted.resets) return;
@@ -271,14 +279,14 @@ void repair_damage() {
   if (f.fault == Fault::Recreate) {
     recreate_region();
     report_damage(what);
-    g_noted.pending = false;
+    g_damage_pending = false;
     return;
   }
   report_damage(what);
   QDMReset();
   // The walks after the reset see a sound region; what they noted while it
   // was being rebuilt is not news.
-  g_noted.pending = false;
+  g_damage_pending = false;
 }
 
 }  // namespace trv

@@ -37,15 +37,16 @@ struct Finding {
   const char *what = "";  // static text: which part and what is wrong
 };
 
-// The header words, the creation-time objects (paths, message slot table,
-// frame table, pools) and the ranges of the words a reset rewrites, for the
-// region mapped now. Does not follow a single list. A region of another
-// layout version is not judged here (Fault::None).
+// The header words, the creation-time objects on the region's first pages
+// (paths, message slot table) and the ranges of the words a reset rewrites,
+// for the region mapped now. Reads nothing else of the region: at attach,
+// every page first touched costs a fault. Does not follow a single list. A
+// region of another layout version is not judged here (Fault::None).
 Finding check_header();
 
-// check_header(), then every list and table the header leads to: each entry
-// inside the arena, every text terminated there, every value of the kind its
-// table holds, no list without an end. Work is bounded by the size of the
+// check_header(), then the end of the resource pool and every list and table
+// the header leads to: each entry inside the arena, every text terminated
+// there, every value of the kind its table holds, no list without an end. Work is bounded by the size of the
 // data area, whatever the region holds.
 Finding check_region();
 
@@ -70,7 +71,11 @@ void set_partial_view(bool partial);
 // damage and no other process has rebuilt the region since, logs one
 // "ERROR: " line saying what was wrong and rebuilds the region. Costs one
 // test of a flag otherwise.
-void repair_damage();
+extern bool g_damage_pending;
+void repair_noted_damage();
+inline void repair_damage() {
+  if (g_damage_pending) repair_noted_damage();
+}
 
 // Logs the one "ERROR: " line that says the region was damaged and rebuilt.
 void report_damage(const char *what);
