@@ -16,6 +16,13 @@ namespace {
 
 constexpr char kQuotes[] = "\"'`";
 
+// Each list multiplies the alternatives of a piece: fifty {a,b} in one value
+// would make 2^50 of them and hold the process for ever. No real path has a
+// thousand directories in one piece, so a piece that would have more is
+// taken as it stands (and is then dropped as an absent directory).
+constexpr size_t kMaxAlternatives = 1024;
+constexpr const char *kTooMany = "ERROR: More than 1024 alternatives in: ";
+
 bool brace_whitespace(char c) { return c == ' ' || c == '\t' || c == '\n'; }
 
 char *copy_chars(const char *text, size_t n) {
@@ -45,6 +52,8 @@ char **singleton(const char *text, size_t n) {
 
 // Kept out of brace_expand so that its line buffer is not part of every
 // frame of the recursion over a long path.
+__attribute__((noinline)) void report_too_many(const char *text) { message(kTooMany, text); }
+
 __attribute__((noinline)) void report_unmatched(const char *text) {
   char line[256];
   std::snprintf(line, sizeof line, "%s: Unmatched {", text);
@@ -231,8 +240,9 @@ char **expand_amble(const char *amble) {
     }
     result = result == nullptr ? partial : append_array(result, partial);
     if (result == nullptr) return nullptr;
-    // A trailing "," leaves an empty last piece: x{y,} gives xy and x.
-    if (c == '\0') return result;
+    // A trailing "," leaves an empty last piece: x{y,} gives xy and x. Past
+    // the limit the caller gives up, so the rest need not be made.
+    if (c == '\0' || static_cast<size_t>(array_len(result)) > kMaxAlternatives) return result;
     start = i + 1;
   }
 }
@@ -262,16 +272,24 @@ char **brace_expand(const char *text) {
     free_array(result);
     return nullptr;
   }
-  result = array_concat(result, alternatives);
-  free_array(alternatives);
-  if (result == nullptr) return nullptr;
-
   char **rest = brace_expand(text + i + 1);
   if (rest == nullptr) {
     free_array(result);
+    free_array(alternatives);
     return nullptr;
   }
-  result = array_concat(result, rest);
+  // The preamble is one string, so the product is the two counts'.
+  if (static_cast<size_t>(array_len(alternatives)) * static_cast<size_t>(array_len(rest)) >
+      kMaxAlternatives) {
+    report_too_many(text);
+    free_array(result);
+    free_array(alternatives);
+    free_array(rest);
+    return singleton(text, std::strlen(text));
+  }
+  result = array_concat(result, alternatives);
+  free_array(alternatives);
+  if (result != nullptr) result = array_concat(result, rest);
   free_array(rest);
   return result;
 }

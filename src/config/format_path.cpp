@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "core/region.h"
+#include "core/validate.h"
 #include "trovalis.h"
 
 namespace trv {
@@ -86,7 +87,11 @@ extern "C" char *FormatPath(const char *program, const char *type) {
     if (table <= 0) return nullptr;
     lru_insert(root, key, table);
   }
-  if (const int32_t found = lru_lookup(table, type); found > 0) return at(found, kRecordBytes);
+  if (const int32_t found = lru_lookup(table, type); found > 0) {
+    char *record = at(found, kRecordBytes);
+    if (record == nullptr) note_damage("a format record");
+    return record;
+  }
 
   const int32_t record = salloc(kRecordBytes);
   if (record < 0) return nullptr;

@@ -7,6 +7,7 @@
 
 #include "core/lock.h"
 #include "core/region.h"
+#include "core/validate.h"
 #include "trovalis.h"
 
 extern "C" {
@@ -146,16 +147,19 @@ char *cnf_get(char *names) {
 
 char *QDMValue(const char *section, const char *key) {
   CacheGuard guard;
+  repair_damage();
   return _QDMValue(section, key);
 }
 
 int QDMSetValue(const char *section, const char *key, const char *value) {
   CacheGuard guard;
+  repair_damage();
   return _QDMSetValue(section, key, value, 1);
 }
 
 char *QDMVar(const char *name) {
   CacheGuard guard;
+  repair_damage();
   return _QDMVar(name);
 }
 

@@ -19,6 +19,7 @@
 #include "core/lock.h"
 #include "core/region.h"
 #include "core/repair.h"
+#include "core/validate.h"
 #include "trovalis.h"
 #include "trovalis_config.h"
 
@@ -321,13 +322,34 @@ bool attach() {
     std::memset(base, 0, static_cast<size_t>(View_Len));
     Init = 1;
   }
+  // A region made by this layout is checked cheaply (header words and the
+  // message slot table, see validate.h) before anything trusts it. Damage to
+  // what creation lays out is rebuilt like an unfinished region; damage above
+  // the mark is repaired by a reset below, once the program name is known.
+  // A region larger than this process maps is not judged from part of it.
+  const char *damaged = nullptr;
+  forget_damage();  // what was noted concerned an earlier mapping
+  set_partial_view(Init == 0 && st.st_size > View_Len);
+  if (Init == 0 && st.st_size == View_Len) {
+    const Finding f = check_header();
+    if (f.fault == Fault::Recreate) {
+      damaged = f.what;
+      report(TDSError, "Shared Memory Name=`%s' is damaged (%s); rebuilding it", Map_Name, f.what);
+      std::memset(base, 0, static_cast<size_t>(View_Len));
+      Init = 1;
+    } else if (f.fault == Fault::Rebuild) {
+      note_damage(f.what);
+    }
+  }
 
   program_name();
 
   if (Init == 1) {
     drop_pending_repair();
     if (!first_time_init()) return fail_locked(TDSError, "Can't locate TEXMF.INI file.");
+    if (damaged != nullptr) report_damage(damaged);
   } else {
+    repair_damage();
     const int32_t env = hdr(Word::Env_String);
     const char *text = env >= 0 ? text_at(env) : nullptr;
     if (text != nullptr && std::getenv("USERPROFILE") == nullptr && std::strchr(text, '=')) {
@@ -363,6 +385,16 @@ int detach() {
 }
 
 }  // namespace
+
+bool recreate_region() {
+  if (!region_mapped()) return false;
+  // Kept across the rebuild, so that other processes that met the same
+  // damage see that it was dealt with.
+  const int32_t resets = hdr(Word::Reset_Count);
+  std::memset(g_map.base, 0, static_cast<size_t>(g_map.length));
+  set_hdr(Word::Reset_Count, resets);
+  return first_time_init();
+}
 
 const char *instance_suffix() { return g_instance; }
 bool region_is_private() { return g_private; }

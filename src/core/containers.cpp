@@ -13,6 +13,11 @@
 
 namespace trv {
 
+namespace walk_detail {
+int64_t g_shared_steps = -1;
+int g_budget_depth = 0;
+}  // namespace walk_detail
+
 uint32_t hash_index(const char *key, uint32_t buckets) {
   uint32_t h = 0;
   for (const unsigned char *p = reinterpret_cast<const unsigned char *>(key); *p; ++p) {
@@ -26,9 +31,11 @@ uint32_t hash_index(const char *key, uint32_t buckets) {
 int32_t hash_bucket_count(int32_t table) {
   if (table <= 0) return 0;
   const char *t = at(table, HashLayout::kHeads);
-  if (t == nullptr) return 0;
-  const int32_t n = loadi(t);
-  if (n <= 0 || at(table, HashLayout::kHeads + 4 * static_cast<int64_t>(n)) == nullptr) return 0;
+  const int32_t n = t != nullptr ? loadi(t) : 0;
+  if (n <= 0 || at(table, HashLayout::kHeads + 4 * static_cast<int64_t>(n)) == nullptr) {
+    note_damage("a hash table does not fit in the arena");
+    return 0;
+  }
   return n;
 }
 
@@ -72,10 +79,11 @@ void entry_set_next(int32_t entry, int32_t next) {
 }
 
 // Reserves and fills an entry; -1 (after salloc's exhaustion line) when the
-// arena is full, in which case the caller changes nothing.
+// arena is full, in which case the caller changes nothing. A key longer than
+// readers accept (kTextMax) would read as a broken link: it is refused.
 int32_t new_entry(const char *key, int32_t value, int32_t next) {
   const size_t len = std::strlen(key);
-  if (len > static_cast<size_t>(INT32_MAX - EntryLayout::kOverhead)) return -1;
+  if (len > static_cast<size_t>(kTextMax)) return -1;
   const int32_t off = salloc(static_cast<int>(len) + EntryLayout::kOverhead);
   if (off < 0) return -1;
   char *e = at(off, static_cast<int64_t>(len) + EntryLayout::kOverhead);
@@ -190,7 +198,7 @@ void lru_insert(int list, const char *key, int value) {
     target = new_entry(key, value, first > 0 ? first : 0);
     if (target < 0) return;
     storei(h + LruHeadLayout::kFirst, target);
-    storei(h + LruHeadLayout::kCount, loadi(h + LruHeadLayout::kCount) + 1);
+    store32(h + LruHeadLayout::kCount, load32(h + LruHeadLayout::kCount) + 1u);
   }
   entry_set_value(target, value);
   if (Trace_LRU) {
@@ -205,14 +213,17 @@ int lru_lookup(int list, const char *key) {
   if (list <= 0 || h == nullptr) return 0;
   const int32_t first = loadi(h + LruHeadLayout::kFirst);
   int32_t prev = 0, found = 0;
-  walk_chain(first, [&](int32_t e) {
-    if (strcasecmp(entry_key(e), key) == 0) {
-      found = e;
-      return false;
-    }
-    prev = e;
-    return true;
-  });
+  walk_chain(
+      first,
+      [&](int32_t e) {
+        if (strcasecmp(entry_key(e), key) == 0) {
+          found = e;
+          return false;
+        }
+        prev = e;
+        return true;
+      },
+      true);
   char text[128];
   if (found == 0) {
     if (Trace_LRU) {

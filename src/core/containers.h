@@ -24,7 +24,7 @@ int32_t hash_bucket_count(int32_t table);
 // Visits a chain from `first`, at most max_walk() entries; `visit` returns
 // false to stop. Returns the number of entries visited.
 template <class F>
-int64_t walk_chain(int32_t first, F &&visit);
+int64_t walk_chain(int32_t first, F &&visit, bool first_is_link = false);
 
 }  // namespace trv
 

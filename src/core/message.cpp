@@ -7,6 +7,7 @@
 
 #include "core/lock.h"
 #include "core/region.h"
+#include "core/validate.h"
 #include "trovalis.h"
 
 namespace trv {
@@ -14,6 +15,7 @@ namespace trv {
 namespace {
 
 QDMMessageTap g_tap = nullptr;
+constexpr const char *kBadQueue = "the message queue";
 
 // Table word i designates the text of the i-th newest message (the slot's
 // byte 4); word Msg_Max designates the spare slot. Returns the checked
@@ -24,12 +26,21 @@ char *msg_table(int32_t *max_out) {
   if (table <= 0 || max <= 0) return nullptr;
   char *t = at(table, (static_cast<int64_t>(max) + 1) * 4);
   if (t != nullptr) *max_out = max;
+  else note_damage(kBadQueue);
   return t;
+}
+
+// Counters go round after 2^32 posts (or from whatever another process left
+// in them) rather than overflow.
+void count_one(Word w) {
+  set_hdr(w, static_cast<int32_t>(static_cast<uint32_t>(hdr(w)) + 1u));
 }
 
 // The text bytes of the slot that a table word designates, or nullptr.
 char *slot_text(int32_t word) {
-  return at(word, MsgSlotLayout::kTextBytes);
+  char *slot = at(word, MsgSlotLayout::kTextBytes);
+  if (slot == nullptr) note_damage(kBadQueue);
+  return slot;
 }
 
 }  // namespace
@@ -63,8 +74,12 @@ int _QDMMessage(const char *source, const char *text, int type) {
 
   const int32_t spare = loadi(table + 4 * max);
   char *slot = slot_text(spare);
-  char *type_bytes = at(spare - MsgSlotLayout::kText, MsgSlotLayout::kText);
-  if (slot == nullptr || type_bytes == nullptr) return 0;
+  // A slot found by slot_text() starts at a non-negative offset.
+  char *type_bytes = slot ? at(spare - MsgSlotLayout::kText, MsgSlotLayout::kText) : nullptr;
+  if (slot == nullptr || type_bytes == nullptr) {
+    note_damage(kBadQueue);
+    return 0;
+  }
   slot[0] = '\0';
   type_bytes[MsgSlotLayout::kType] = 0;
 
@@ -101,14 +116,15 @@ int _QDMMessage(const char *source, const char *text, int type) {
     type_bytes[2] = static_cast<char>(u >> 8);
     type_bytes[MsgSlotLayout::kType] = static_cast<char>(0xFF);
   }
-  if (type == 4) set_hdr(Word::Msg_Warnings, hdr(Word::Msg_Warnings) + 1);
-  if (type == 5) set_hdr(Word::Msg_Type5, hdr(Word::Msg_Type5) + 1);
-  set_hdr(Word::Msg_Total, hdr(Word::Msg_Total) + 1);
+  if (type == 4) count_one(Word::Msg_Warnings);
+  if (type == 5) count_one(Word::Msg_Type5);
+  count_one(Word::Msg_Total);
   return 1;
 }
 
 int QDMMessage(const char *source, const char *text, int type) {
   CacheGuard guard;
+  repair_damage();
   return _QDMMessage(source, text, type);
 }
 
@@ -146,6 +162,7 @@ int _QDMGetMessages(char **texts, int maximum) {
 
 int QDMGetMessages(char **texts, int maximum) {
   CacheGuard guard;
+  repair_damage();
   return _QDMGetMessages(texts, maximum);
 }
 

@@ -5,6 +5,7 @@
 #include <climits>
 
 #include "core/message.h"
+#include "core/validate.h"
 #include "trovalis.h"
 
 namespace trv {
@@ -40,7 +41,7 @@ char *at(int32_t off, int64_t len) {
 const char *text_at(int32_t off) {
   const char *p = at(off, 1);
   if (p == nullptr) return nullptr;
-  const int64_t room = data_bytes() - off;
+  const int64_t room = std::min<int64_t>(data_bytes() - off, kTextMax + 1);
   return std::memchr(p, '\0', static_cast<size_t>(room)) ? p : nullptr;
 }
 
@@ -68,6 +69,9 @@ int salloc(int size) {
   const int64_t end = used + static_cast<int64_t>(size);
   const int64_t ceiling = std::min<int64_t>(hdr(Word::Pool_Low), data_bytes());
   if (size < 0 || used < 0 || end >= ceiling) {
+    // A full arena is normal; a header that makes every request fail is
+    // damage, which the next export repairs.
+    if (const Finding f = check_header(); f.fault != Fault::None) note_damage(f.what);
     message(kExhausted, "");
     return -1;
   }

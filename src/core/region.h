@@ -151,6 +151,11 @@ struct FrameLayout {
 static_assert(FrameLayout::kBytes == 136);
 static_assert(FrameLayout::kBytes * FrameLayout::kCount == 17408);
 
+// No text this system stores is longer than a path (4096 bytes); a reader
+// gives up on a text that runs longer than this without its NUL, so that
+// one damaged link costs at most this much scanning, not the whole arena.
+inline constexpr int64_t kTextMax = 65535;
+
 inline constexpr int32_t kMsgMax = 1024;
 inline constexpr int32_t kMsgLen = 100;
 inline constexpr int32_t kFrameTableBytes = 17408;
@@ -194,7 +199,7 @@ int64_t data_bytes();
 char *at(int32_t off, int64_t len);
 inline char *at(Off off, int64_t len) { return at(off.v, len); }
 // The NUL-terminated text at `off`, or nullptr when the offset is outside the
-// data area or the text runs past its end.
+// data area or the text runs past its end or past kTextMax characters.
 const char *text_at(int32_t off);
 // The reverse of at(): the data-area offset of a pointer into the region, or
 // -1 for a pointer outside it.

@@ -137,8 +137,8 @@ int match(const char *path, const char *element) {
     if (pc && ec) {
       p = pc + 1;
       e = ec + 1;
-      if (*p == '/') ++p;
-      if (*e == '/') ++e;
+      if (is_sep(*p)) ++p;
+      if (is_sep(*e)) ++e;
     }
   }
   long budget = kMatchBudget;

@@ -9,6 +9,7 @@
 
 #include "core/lock.h"
 #include "core/region.h"
+#include "core/validate.h"
 #include "trovalis.h"
 
 namespace trv {
@@ -19,7 +20,9 @@ namespace {
 char *frame_table() {
   const int32_t off = hdr(Word::Frame_Table);
   if (off <= 0) return nullptr;
-  return at(off, kFrameTableBytes);
+  char *table = at(off, kFrameTableBytes);
+  if (table == nullptr) note_damage("the frame table");
+  return table;
 }
 
 char *frame(char *table, int i) { return table + static_cast<size_t>(i) * FrameLayout::kBytes; }
@@ -58,6 +61,7 @@ extern "C" {
 
 int RegisterFrame(const char *name, int handle) {
   CacheGuard guard;
+  repair_damage();
   char *table = frame_table();
   if (table == nullptr || name == nullptr) return 0;
   // Cut to 127 characters before the search, so a long name finds the entry
@@ -91,6 +95,7 @@ int UnRegisterProcessFrames(int pid) {
 
 int FindFrame(const char *name) {
   CacheGuard guard;
+  repair_damage();
   char *table = frame_table();
   if (table == nullptr || name == nullptr) return 0;
   const int i = slot_search(table, name);
@@ -103,6 +108,7 @@ int FindFrame(const char *name) {
 int FrameList(char *buffer, int size) {
   if (buffer == nullptr || size <= 0) return 0;
   CacheGuard guard;
+  repair_damage();
   int remaining = size;
   char *w = buffer;
   if (char *table = frame_table()) {

@@ -4,7 +4,28 @@
 
 #include "core/lock.h"
 #include "core/region.h"
+#include "core/validate.h"
 #include "trovalis.h"
+
+namespace trv {
+namespace {
+
+// Hosts read the pool as texts up to the empty one, so it is handed out
+// only when that walk ends inside the data area.
+bool pool_sound(int32_t low, int64_t top) {
+  for (int64_t off = low; off <= top;) {
+    const char *t = text_at(static_cast<int32_t>(off));
+    if (t == nullptr) return false;
+    if (t[0] == '\0') return true;
+    off += static_cast<int64_t>(std::strlen(t)) + 1;
+  }
+  return false;
+}
+
+char g_empty_pool[2] = "";
+
+}  // namespace
+}  // namespace trv
 
 using namespace trv;
 
@@ -13,6 +34,8 @@ extern "C" {
 int QDMAddToPool(const char *text) {
   if (text == nullptr) return 0;
   const size_t len = std::strlen(text);
+  // Readers take no text longer than kTextMax; one would read as damage.
+  if (len > static_cast<size_t>(kTextMax)) return 0;
   CacheGuard guard;
   const int64_t used = hdr(Word::Mem_Used);
   const int64_t low = hdr(Word::Pool_Low);
@@ -28,12 +51,18 @@ int QDMAddToPool(const char *text) {
 }
 
 char *QDMGetPool(void) {
-  char *p = at(hdr(Word::Pool_Low), 1);
-  return p ? p : at(hdr(Word::Mem_Max) - 1, 1);
+  const int32_t low = hdr(Word::Pool_Low);
+  if (!pool_sound(low, static_cast<int64_t>(hdr(Word::Mem_Max)) - 1)) {
+    if (region_mapped()) note_damage("the resource pool");
+    return g_empty_pool;
+  }
+  return at(low, 1);
 }
 
 void QDMClearPool(void) {
-  const int32_t top = hdr(Word::Mem_Max) - 1;
+  // Mem_Max is at least 1 in any region at() accepts it for.
+  const int32_t max = hdr(Word::Mem_Max);
+  const int32_t top = max > 0 ? max - 1 : -1;
   char *p = at(top, 1);
   if (p == nullptr) return;
   set_hdr(Word::Pool_Low, top);
@@ -44,8 +73,15 @@ void QDMDeinstallPooledFonts(void) {}
 
 int QDMImageCacheIndexPool(void **address, int *size) {
   const int32_t off = hdr(Word::Image_Pool);
-  if (address) *address = off > 0 ? at(off, kImagePoolBytes) : nullptr;
-  if (size) *size = hdr(Word::Image_Size);
+  void *pool = off > 0 ? at(off, kImagePoolBytes) : nullptr;
+  // The host writes as much as it is told: a damaged size is not passed on.
+  const int32_t bytes = hdr(Word::Image_Size);
+  if (pool == nullptr || bytes != kImagePoolBytes) {
+    if (region_mapped()) note_damage("the image pool");
+    pool = nullptr;
+  }
+  if (address) *address = pool;
+  if (size) *size = pool != nullptr ? bytes : 0;
   return 1;
 }
 

@@ -18,6 +18,7 @@
 #include "core/lock.h"
 #include "core/message.h"
 #include "core/region.h"
+#include "core/validate.h"
 #include "trovalis.h"
 
 namespace trv {
@@ -133,10 +134,14 @@ std::vector<std::string> elements(int list) {
   std::vector<std::string> out;
   QuietCacheGuard guard;
   if (!region_mapped()) return out;
+  const uint32_t damage = damage_seen();
   walk_chain(list, [&](int32_t e) {
     out.emplace_back(entry_key(e));
     return true;
   });
+  // A damaged list is taken as empty rather than searched (see fetch in
+  // request.cpp).
+  if (damage_seen() != damage) out.clear();
   return out;
 }
 
@@ -146,6 +151,8 @@ std::vector<std::string> copy_list(int list) { return elements(list); }
 
 char *search_elements(const std::vector<std::string> &list, const char *name, char *buf) {
   const size_t name_len = std::strlen(name);
+  // An empty name would find each directory itself.
+  if (name_len == 0) return nullptr;
   for (const std::string &element : list) {
     const char *text = element.c_str();
     if (std::strcmp(text, ".") == 0) continue;

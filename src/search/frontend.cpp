@@ -9,6 +9,7 @@
 
 #include "core/lock.h"
 #include "core/region.h"
+#include "core/validate.h"
 #include "trovalis.h"
 
 namespace trv {
@@ -154,6 +155,7 @@ char *query(char *request) {
   // tables, which only the holder of the cache lock may touch; the lock is
   // re-entrant, so the nested takes inside are harmless.
   CacheGuard guard;
+  repair_damage();
   const int left = var_expand(text, g_answer, sizeof g_answer, nullptr);
   g_answer[sizeof g_answer - static_cast<size_t>(left > 0 ? left : 1)] = '\0';
   if (!directories) return g_answer;

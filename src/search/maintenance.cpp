@@ -8,6 +8,7 @@
 #include "core/containers.h"
 #include "core/lock.h"
 #include "core/region.h"
+#include "core/validate.h"
 #include "db/db.h"
 #include "search/search.h"
 #include "trovalis.h"
@@ -42,6 +43,7 @@ int forget(int32_t answers, const char *key) {
 // caches are looked up (and so reordered) while these lists are walked.
 template <class F>
 void for_each_record(F &&visit) {
+  WalkBudget budget;
   const char *root = at(hdr(Word::Root_LRU), LruHeadLayout::kName);
   if (hdr(Word::Root_LRU) <= 0 || root == nullptr) return;
   walk_chain(loadi(root + LruHeadLayout::kFirst), [&](int32_t program) {
@@ -134,6 +136,7 @@ int new_file(const char *path) {
   std::memcpy(file, slash + 1, std::strlen(slash + 1) + 1);
 
   CacheGuard guard;
+  repair_damage();
   message("QDMNewFile: ", copy);
   slash[1] = '\0';
   if (const char *root = database_of(copy)) enter_into_database(root, copy, file);
@@ -183,6 +186,8 @@ int QDMNewFile(const char *path) {
 int QDMRecycle(const char *type, const char *name) {
   if (type == nullptr || name == nullptr) return 0;
   CacheGuard guard;
+  repair_damage();
+  WalkBudget budget;
   int count = 0;
   const char *root = at(hdr(Word::Root_LRU), LruHeadLayout::kName);
   if (hdr(Word::Root_LRU) <= 0 || root == nullptr) return 0;

@@ -37,6 +37,7 @@ const char *answer_text(int32_t value) {
 // Prints the programs, their file types with search paths and answers;
 // returns the number of cached names (forgotten ones and misses included).
 int print_tree() {
+  WalkBudget budget;
   int total = 0, i = 0;
   walk_chain(first_entry(hdr(Word::Root_LRU)), [&](int32_t program) {
     const char *name = entry_key(program);

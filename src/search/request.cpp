@@ -11,6 +11,7 @@
 #include "core/containers.h"
 #include "core/lock.h"
 #include "core/region.h"
+#include "core/validate.h"
 #include "search/dirsearch.h"
 #include "search/search.h"
 #include "trovalis.h"
@@ -67,7 +68,10 @@ bool copy_text(std::string &to, int32_t offset) {
 // region; it is cut rather than trusted.
 char *copy_cached(int32_t offset) {
   const char *t = text_at(offset);
-  if (t == nullptr) return nullptr;
+  if (t == nullptr) {
+    note_damage("a cached answer");
+    return nullptr;
+  }
   const size_t n = strnlen(t, sizeof g_cached - 1);
   std::memcpy(g_cached, t, n);
   g_cached[n] = '\0';
@@ -83,10 +87,14 @@ bool fetch(const char *type, Record &rec) {
   if (record == nullptr) return false;
   const FormatWords w = read_record(record);
   rec.path.clear();
+  const uint32_t damage = damage_seen();
   walk_chain(w.search_path, [&](int32_t e) {
     rec.path.emplace_back(entry_key(e));
     return true;
   });
+  // A damaged list may name any directories, as many as the arena holds
+  // entries; searching them all could take hours. It is taken as empty.
+  if (damage_seen() != damage) rec.path.clear();
   rec.has_suffixes = copy_text(rec.suffixes, w.suffixes);
   copy_text(rec.make, w.make);
   return true;
@@ -183,6 +191,7 @@ char *search(const char *type, const char *name, int origin) {
   int32_t c;
   {
     CacheGuard guard;
+    repair_damage();
     const char *record = FormatPath(program_key(), type);
     if (record == nullptr) return kNoFormat;
     c = lru_lookup(read_record(record).answers, name);

@@ -12,13 +12,64 @@
  *   modes M0 M1 D0 D1 CON    MakeLocked, AutoDownload and ConsoleErr
  *   trace                    Trace = 1 (this process only)
  *   ready                    prints "ready" and waits to be killed
+ *   hammer SECONDS TYPE NAME...  for SECONDS, every reading export over and
+ *                            over (searches of each NAME, queries, the log,
+ *                            frames, values, the report); prints
+ *                            "rounds=N found=M"
  */
+#define _POSIX_C_SOURCE 200809L
+
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "trovalis.h"
+
+static double now(void) {
+  struct timespec t;
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  return (double)t.tv_sec + (double)t.tv_nsec / 1e9;
+}
+
+/* One round of everything a reader does; returns the answers found. */
+static int hammer_round(int round, const char *type, char **names, int count) {
+  char *texts[16];
+  char frames[256];
+  char request[300];
+  int found = 0, k;
+  for (k = 0; k < count; ++k) {
+    found += QDMSearch(type, names[k]) != NULL;
+    snprintf(request, sizeof request, "<%s>%s", type, names[k]);
+    found += QDMFind(request)[0] != '[';
+  }
+  snprintf(request, sizeof request, "<%s>miss%d", type, round % 50);
+  QDMFind(request);
+  QDMFind("?<$TEXMF>");
+  QDMFind("?" "?<$TEXMF>");
+  QDMValue("QDM", type);
+  QDMVar("TEXMF");
+  QDMGetMessages(texts, 16);
+  FrameList(frames, sizeof frames);
+  FindFrame("main");
+  QDMGetPool();
+  if (round % 20 == 0) {
+    /* The report goes to /dev/null: only reading it matters here. */
+    const int saved = dup(1), null = open("/dev/null", O_WRONLY);
+    fflush(stdout);
+    if (saved >= 0 && null >= 0) {
+      dup2(null, 1);
+      Print_Cache();
+      fflush(stdout);
+      dup2(saved, 1);
+    }
+    if (saved >= 0) close(saved);
+    if (null >= 0) close(null);
+  }
+  return found;
+}
 
 static int header_word(int n) {
   int v;
@@ -75,6 +126,15 @@ int main(int argc, char **argv) {
       i += 5;
     } else if (strcmp(cmd, "trace") == 0) {
       Trace = 1;
+    } else if (strcmp(cmd, "hammer") == 0 && i + 2 < argc) {
+      const double end = now() + atof(argv[i]);
+      const char *type = argv[i + 1];
+      char **names = argv + i + 2;
+      const int count = argc - i - 2;
+      long rounds = 0, found = 0;
+      while (now() < end) found += hammer_round((int)rounds++, type, names, count);
+      printf("rounds=%ld found=%ld\n", rounds, found);
+      i = argc;
     } else if (strcmp(cmd, "ready") == 0) {
       printf("ready\n");
       fflush(stdout);

@@ -109,6 +109,22 @@ TEST_F(BraceLogTest, UnmatchedBraceIsLoggedAndKeptWhole) {
   EXPECT_EQ(newest(1), Strings{"QDM-prog: {a,b: Unmatched {"});
 }
 
+// Every list multiplies the alternatives; fifty of them once held a process
+// for ever. A piece that would have more than 1024 is kept as it stands.
+TEST_F(BraceLogTest, TooManyAlternativesAreNotMade) {
+  std::string ten, eleven, fifty;
+  for (int i = 0; i < 50; ++i) (i < 10 ? ten : i < 11 ? eleven : fifty) += "{a,b}";
+  eleven = ten + eleven;
+  fifty = eleven + fifty;
+  EXPECT_EQ(take(brace_expand(ten.c_str())).size(), 1024u);
+  EXPECT_EQ(take(brace_expand(eleven.c_str())), Strings{eleven});
+  EXPECT_EQ(newest(1), Strings{("QDM-prog: ERROR: More than 1024 alternatives in: " + eleven).substr(0, 100)});
+  const Strings many = take(brace_expand(fifty.c_str()));
+  EXPECT_LE(many.size(), 1024u);
+  std::string path = "/no/" + fifty + ";/no/x{1,2}";
+  EXPECT_EQ(take(expand_braces(path.data())), Strings{});
+}
+
 // Arbitrary text over the bytes that matter to the path syntax. Whatever the
 // text, expansion answers an array (never an empty one), and text without a
 // "{" comes back whole.

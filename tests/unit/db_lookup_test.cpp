@@ -34,6 +34,8 @@ TEST(Match, AdmittedAndRefused) {
       {cm, "/t//vf//", 0},
       {":pkg:fonts/tfm/x.tfm", ":*:/fonts/tfm//", 1},
       {":pkg:fonts/tfm/x.tfm", ":*:/fonts//", 1},
+      {":pkg:fonts/tfm/x.tfm", ":*:\\fonts\\\\", 1},  // either separator after the root
+      {":pkg:\\fonts\\tfm\\x.tfm", ":*:/fonts/tfm/", 1},
       {":pkg:fonts/tfm/x.tfm", ":*:/fonts/vf//", 0},
       {":pkg:fonts/tfm/x.tfm", "/t/fonts//", 0},
       {":pkg:fonts/tfm/x.tfm", ":*://", 1},

@@ -116,6 +116,17 @@ TEST_F(MessageTest, ConfigurationFilesAndNotifier) {
   QDMSetStateNotifier(nullptr);
 }
 
+// Found by fuzzing: a counter at its largest value once overflowed.
+TEST_F(MessageTest, CountersGoRound) {
+  for (const Word w : {Word::Msg_Total, Word::Msg_Warnings, Word::Msg_Type5})
+    set_hdr(w, INT32_MAX);
+  QDMMessage("s", "t", 4);
+  QDMMessage("s", "t", 5);
+  EXPECT_EQ(QDMMsgInfo()[1], INT32_MIN + 1);
+  EXPECT_EQ(QDMMsgInfo()[2], INT32_MIN);
+  EXPECT_EQ(QDMMsgInfo()[3], INT32_MIN);
+}
+
 TEST(MessageNoRegion, PostingWithoutAQueueLosesTheMessage) {
   EXPECT_EQ(_QDMMessage("s", "t", 1), 0);
   char *texts[1];
