@@ -5,6 +5,7 @@
 #include <strings.h>
 
 #include <cstdint>
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 
@@ -213,10 +214,16 @@ int lru_lookup(int list, const char *key) {
   if (list <= 0 || h == nullptr) return 0;
   const int32_t first = loadi(h + LruHeadLayout::kFirst);
   int32_t prev = 0, found = 0;
+  // Answer caches grow to thousands of names and a lookup may walk them
+  // all: the first letter is compared before the whole key, and the key is
+  // read in place (the walk has checked that it ends inside the region).
+  const int first_letter = std::tolower(static_cast<unsigned char>(key[0]));
   walk_chain(
       first,
       [&](int32_t e) {
-        if (strcasecmp(entry_key(e), key) == 0) {
+        const char *k = at(e + EntryLayout::kKey, 1);
+        if (std::tolower(static_cast<unsigned char>(k[0])) == first_letter &&
+            strcasecmp(k, key) == 0) {
           found = e;
           return false;
         }

@@ -18,7 +18,6 @@ constexpr const char *kExhausted = "ERROR: too few shared memmory, extend it.";
 char *data_base() { return g_map.base + kHeaderBytes; }
 }  // namespace
 
-bool region_mapped() { return g_map.base != nullptr && g_map.length > kHeaderBytes; }
 
 int32_t hdr(Word w) {
   if (g_map.base == nullptr) return 0;
@@ -30,13 +29,6 @@ void set_hdr(Word w, int32_t value) {
   storei(g_map.base + 4 * static_cast<int>(w), value);
 }
 
-int64_t data_bytes() { return region_mapped() ? g_map.length - kHeaderBytes : 0; }
-
-char *at(int32_t off, int64_t len) {
-  if (!region_mapped() || off < 0 || len < 0) return nullptr;
-  if (static_cast<int64_t>(off) + len > data_bytes()) return nullptr;
-  return data_base() + off;
-}
 
 const char *text_at(int32_t off) {
   const char *p = at(off, 1);

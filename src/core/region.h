@@ -186,17 +186,22 @@ struct Mapping {
 };
 extern Mapping g_map;
 
-bool region_mapped();
+// These three are on the path of every list step, so they are inline.
+inline bool region_mapped() { return g_map.base != nullptr && g_map.length > kHeaderBytes; }
 int32_t hdr(Word w);
 void set_hdr(Word w, int32_t value);
 
 // Bytes available from the data-area offset to the end of the mapping.
-int64_t data_bytes();
+inline int64_t data_bytes() { return region_mapped() ? g_map.length - kHeaderBytes : 0; }
 
 // Pointer to `len` bytes at data-area offset `off`, or nullptr when any of
 // them lies outside the mapped data area. Offset 0 is valid here ("MEM"); the
 // callers that read links treat 0 as the end before asking.
-char *at(int32_t off, int64_t len);
+inline char *at(int32_t off, int64_t len) {
+  if (!region_mapped() || off < 0 || len < 0) return nullptr;
+  if (static_cast<int64_t>(off) + len > data_bytes()) return nullptr;
+  return g_map.base + kHeaderBytes + off;
+}
 inline char *at(Off off, int64_t len) { return at(off.v, len); }
 // The NUL-terminated text at `off`, or nullptr when the offset is outside the
 // data area or the text runs past its end or past kTextMax characters.
