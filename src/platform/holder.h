@@ -54,4 +54,14 @@ Liveness holder_probe(int fd, uint64_t ticket);
 // Removes the companion of `lock_name` (for tests and for cleaning up).
 int holder_remove(const char *lock_name);
 
+// Shared by both systems' holder_open: checks a freshly opened companion as
+// holder_open promises and sizes a new one. Returns fd, or -1 after closing
+// it, with `why` and errno set as for holder_open.
+int holder_checked(int fd, const char **why);
+
+// The fcntl commands of the lifetime locks: open-file-description locks on
+// Linux, classic record locks on macOS.
+extern const int kTicketSetLock;
+extern const int kTicketGetLock;
+
 }  // namespace trv::platform
