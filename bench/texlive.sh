@@ -47,7 +47,8 @@ export APPDATA=$work/user
 uid=$(id -u)
 region=/dev/shm/zelvan-tds-mem-$uid-$TROVALIS_INSTANCE
 lock=/dev/shm/sem.zelvan-tds-cache-$uid-$TROVALIS_INSTANCE
-cleanup() { rm -rf "$work"; rm -f "$region" "$lock"; }
+holder=/dev/shm/zelvan-tds-cache-$uid-$TROVALIS_INSTANCE.holder
+cleanup() { rm -rf "$work"; rm -f "$region" "$lock" "$holder"; }
 trap cleanup EXIT
 
 cmake --install build-bench --prefix "$work/dist" >/dev/null

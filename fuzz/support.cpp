@@ -18,6 +18,7 @@
 
 #include "core/region.h"
 #include "core/validate.h"
+#include "platform/holder.h"
 #include "platform/platform.h"
 #include "profile/ini_store.h"
 #include "trovalis.h"
@@ -127,8 +128,10 @@ State *make_state() {
   set_env(*s, "USERPROFILE", nullptr);
   platform::set_executable_path_override((s->root + "/bin/fuzz").c_str());
   if (DllEntryPoint(nullptr, 1, nullptr) != 1) fail("attach", __FILE__, __LINE__);
+  // Names only: the objects stay open in this process and go with it.
   shm_unlink(Map_Name);
   sem_unlink(Cache_Lock);
+  platform::holder_remove(Cache_Lock);
 
   populate();
   forget_damage();
