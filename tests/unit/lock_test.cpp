@@ -7,6 +7,7 @@
 
 #include "core/lock.h"
 #include "platform/holder.h"
+#include "support/named_lock.h"
 #include "support/sandbox.h"
 #include "trovalis.h"
 
@@ -17,26 +18,7 @@ using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;
 
 // A lock of its own name, unlinked at the end.
-class LockTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    std::snprintf(name_, sizeof name_, "/trovalis-locktest-%d", static_cast<int>(getpid()));
-    lock_ = CreateMutex(nullptr, 0, name_);
-    ASSERT_NE(lock_, nullptr);
-  }
-  void TearDown() override {
-    mtx_close(lock_);
-    sem_unlink(name_);
-    platform::holder_remove(name_);
-  }
-  int value() {
-    int v = -1;
-    sem_getvalue(lock_->sem, &v);
-    return v;
-  }
-  char name_[64];
-  QDMLock *lock_ = nullptr;
-};
+using LockTest = test::NamedLockTest;
 
 TEST_F(LockTest, NestedTakesTouchTheSemaphoreOnce) {
   CaptureStderr();

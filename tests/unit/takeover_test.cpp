@@ -19,6 +19,7 @@
 #include "core/lock.h"
 #include "platform/holder.h"
 #include "support/forked.h"
+#include "support/named_lock.h"
 
 namespace trv {
 namespace {
@@ -29,28 +30,14 @@ using ::testing::HasSubstr;
 std::vector<Takeover> g_taken;
 void note_takeover(QDMLock *, const Takeover &t) { g_taken.push_back(t); }
 
-// A lock of its own name; the semaphore and the companion are removed at
-// the end. Children made with fork inherit the handle, as a host's would.
-class TakeoverTest : public ::testing::Test {
+// The lock's takeovers are collected in g_taken.
+class TakeoverTest : public test::NamedLockTest {
  protected:
   void SetUp() override {
-    static int n = 0;
-    std::snprintf(name_, sizeof name_, "/trovalis-locktest-%d-%d", static_cast<int>(getpid()), n++);
     g_taken.clear();
-    lock_ = CreateMutex(nullptr, 0, name_);
-    ASSERT_NE(lock_, nullptr);
+    NamedLockTest::SetUp();
     ASSERT_NE(lock_->holder, nullptr);
     lock_->after_takeover = note_takeover;
-  }
-  void TearDown() override {
-    mtx_close(lock_);
-    sem_unlink(name_);
-    platform::holder_remove(name_);
-  }
-  int value() {
-    int v = -1;
-    sem_getvalue(lock_->sem, &v);
-    return v;
   }
   // A child that takes the lock and says so; on "give" it gives it back.
   std::unique_ptr<Forked> holder() {
@@ -77,8 +64,6 @@ class TakeoverTest : public ::testing::Test {
     EXPECT_EQ(f->read_line(), "waiting");
     return f;
   }
-  char name_[64];
-  QDMLock *lock_ = nullptr;
 };
 
 // SIGKILL, Ctrl-C and a plain termination all end the holder without a give.
