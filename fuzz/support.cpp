@@ -1,5 +1,5 @@
 // The fuzz targets' scratch installation, region state and checks.
-#include "support.h"
+#include "fuzz.h"
 
 #include <fcntl.h>
 #include <semaphore.h>

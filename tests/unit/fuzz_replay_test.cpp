@@ -8,9 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "support.h"
 #include "support/sandbox.h"
-#include "targets.h"
+#include "fuzz.h"
 
 namespace trv {
 namespace {

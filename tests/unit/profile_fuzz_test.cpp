@@ -6,8 +6,7 @@
 #include <random>
 #include <string>
 
-#include "support.h"
-#include "targets.h"
+#include "fuzz.h"
 
 namespace {
 

@@ -1,0 +1,333 @@
+// The fuzz targets' bodies: what each feeds its reader and what it checks.
+#include <strings.h>
+
+#include <algorithm>
+#include <bitset>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "config/braces.h"
+#include "core/containers.h"
+#include "core/region.h"
+#include "core/validate.h"
+#include "db/db.h"
+#include "fuzz.h"
+#include "trovalis.h"
+
+namespace trv::fuzz {
+
+namespace {
+
+std::string bytes(const uint8_t *data, size_t size) {
+  return std::string(reinterpret_cast<const char *>(data), size);
+}
+std::string upto_nul(const std::string &s) { return s.substr(0, s.find('\0')); }
+
+// The next NUL-terminated field of `rest` from `at` on.
+std::string next_field(const std::string &rest, size_t &at) {
+  if (at >= rest.size()) return "";
+  std::string field = upto_nul(rest.substr(at));
+  at += field.size() + 1;
+  return field;
+}
+
+void check_sound() { FUZZ_CHECK(check_region().fault == Fault::None); }
+
+// The database search must answer into `out` or not at all.
+void search(const std::string &name, const std::string &element) {
+  char out[kPathBuf];
+  char *r = db_search(name.c_str(), element.c_str(), out);
+  FUZZ_CHECK(r == nullptr || r == out);
+}
+
+// Reads that change nothing a check looks at.
+void read_everything() {
+  {
+    QuietStdout quiet;
+    Print_Cache();
+  }
+  char *texts[kMsgMax];
+  const int n = _QDMGetMessages(texts, kMsgMax);
+  FUZZ_CHECK(n >= 0 && n <= kMsgMax);
+  for (int i = 0; i < n; ++i) FUZZ_CHECK(std::strlen(texts[i]) < MsgSlotLayout::kTextBytes);
+  int pooled = 0;
+  for (const char *p = QDMGetPool(); *p != '\0'; p += std::strlen(p) + 1) ++pooled;
+  FUZZ_CHECK(pooled <= data_bytes());
+  void *images = nullptr;
+  int image_bytes = 0;
+  QDMImageCacheIndexPool(&images, &image_bytes);
+  if (images != nullptr) std::memset(images, 0, static_cast<size_t>(image_bytes));
+}
+
+}  // namespace
+
+// Damaged region images. The input is a list of 9-byte edits to a populated
+// region: a kind (a header word, an arena word, an arena word holding some
+// offset inside the arena: the damage hardest to tell from a real link, or
+// one byte), a place and a value. Then the checks and every reader run; on a
+// region that check_region() calls sound no reader may meet damage.
+void fuzz_region(const uint8_t *data, size_t size) {
+  scratch();
+  restore(true);
+  const int64_t span = hdr(Word::Mem_Used) + 64;
+  for (size_t i = 0; i + 9 <= size; i += 9) {
+    uint32_t where, value;
+    std::memcpy(&where, data + i + 1, 4);
+    std::memcpy(&value, data + i + 5, 4);
+    const int32_t off = static_cast<int32_t>(where % static_cast<uint32_t>(span));
+    char *p = at(off, data[i] % 4 == 3 ? 1 : 4);
+    switch (data[i] % 4) {
+      case 0: set_hdr(static_cast<Word>(where % 32), static_cast<int32_t>(value)); break;
+      case 1: if (p) store32(p, value); break;
+      case 2: if (p) store32(p, value % static_cast<uint32_t>(span)); break;
+      default: if (p) *p = static_cast<char>(value); break;
+    }
+  }
+  check_header();
+  const Finding f = check_region();
+  const uint32_t seen = damage_seen();
+  read_everything();
+  // A region of another layout is not judged (attach refuses it).
+  if (f.fault == Fault::None && hdr(Word::Version) == kLayoutVersion && damage_seen() != seen)
+    fail(last_damage(), __FILE__, __LINE__);
+
+  // Readers that also write (message posts, move-to-front, new records)
+  // must only survive damage here: exports rebuild a damaged region, which
+  // is tested elsewhere.
+  forget_damage();
+  hash_lookup(hdr(Word::Common_Hash), "SELFAUTOPARENT");
+  hash_lookup(hdr(Word::DB_Hash), "cmr10.tfm");
+  if (const char *record = FormatPath(ProgName, "tfm")) lru_lookup(loadi(record), "cmr10");
+  lru_head(hdr(Word::Root_LRU));
+  _QDMValue("QDM", "tfm");
+  search("cmr10.tfm", scratch() + "/texmf/fonts//");
+  search("latex/article.cls", scratch() + "/texmf/tex");
+  forget_damage();
+  QDMRecycle("tfm", "cmr10");
+  forget_damage();
+  char frames[64];
+  FrameList(frames, sizeof frames);
+  forget_damage();
+  FindFrame("main");
+  forget_damage();
+  _QDMMessage("fuzz: ", "after", 4);
+  read_everything();
+  forget_damage();
+}
+
+// The INI reader and writer. The input is the file's text, then after a
+// 0xFF byte NUL-separated section, key and value names for a few writes
+// ("-" as a value deletes). Every listing and look-up is read into small
+// buffers whose ends are watched; a plain value written must read back.
+void fuzz_ini(const uint8_t *data, size_t size) {
+  const std::string in = bytes(data, size);
+  const size_t cut = in.find('\xff');
+  const std::string text = in.substr(0, cut);
+  std::string path = write_scratch("ini/fuzz.ini", reinterpret_cast<const uint8_t *>(text.data()),
+                                   text.size());
+  forget_ini_copies();
+  // A read into `len` bytes of a larger buffer, whose rest must stay fenced.
+  auto fenced = [](int len, auto &&read) {
+    char buf[48];
+    std::memset(buf, '#', sizeof buf);
+    const int got = read(buf, len);
+    FUZZ_CHECK(got >= 0 && got <= len);
+    for (size_t i = static_cast<size_t>(len); i < sizeof buf; ++i) FUZZ_CHECK(buf[i] == '#');
+  };
+  for (int len : {1, 2, 7, 24})
+    fenced(len, [&](char *b, int n) { return GetPrivateProfileSectionNames(b, n, path.data()); });
+  char names[48];
+  const int got = GetPrivateProfileSectionNames(names, 40, path.data());
+  for (const char *s = names; s < names + got && *s; s += std::strlen(s) + 1) {
+    const std::string section(s);
+    char keys[48];
+    const int k = GetPrivateProfileString(section.c_str(), nullptr, "", keys, 40, path.data());
+    for (const char *key = keys; key < keys + k && *key; key += std::strlen(key) + 1)
+      fenced(5, [&](char *b, int n) {
+        return GetPrivateProfileString(section.c_str(), key, "dflt", b, n, path.data());
+      });
+    fenced(9, [&](char *b, int n) { return GetPrivateProfileSection(section.c_str(), b, n, path.data()); });
+  }
+  if (cut == std::string::npos) return;
+  const std::string rest = in.substr(cut + 1);
+  for (size_t at = 0; at < rest.size();) {
+    const std::string section = next_field(rest, at), key = next_field(rest, at),
+                      value = next_field(rest, at);
+    const bool remove = value == "-";
+    const int r = WritePrivateProfileString(section.c_str(), key.c_str(),
+                                            remove ? nullptr : value.c_str(), path.data());
+    FUZZ_CHECK(r == 0 || r == 1);
+    // A name or value holding a line end or a bracket can make or hide a
+    // head; only plain ones must read back.
+    if (r == 1 && !remove && value.find_first_of("\n\r") == std::string::npos &&
+        section.find_first_of("\n\r]") == std::string::npos &&
+        key.find_first_of("\n\r=") == std::string::npos && key[0] != '[' && key[0] != ';' &&
+        !key.empty() && !section.empty()) {
+      char back[300];
+      GetPrivateProfileString(section.c_str(), key.c_str(), "", back, sizeof back, path.data());
+      if (value.size() < sizeof back) FUZZ_CHECK(value == back);
+    }
+  }
+}
+
+// The ls-R reader. The input, loaded into a fresh database table, must
+// leave the region sound; its first and last lines are then looked up under
+// the file's own root and below it.
+void fuzz_lsr(const uint8_t *data, size_t size) {
+  const std::string root = scratch() + "/lsr/";
+  restore();
+  const std::string file = write_scratch("lsr/ls-R", data, size);
+  const int table = hash_create(kDbBuckets);
+  FUZZ_CHECK(table > 0);
+  set_hdr(Word::DB_Hash, table);
+  const int loaded = db_build(table, file.c_str());
+  FUZZ_CHECK(loaded == 0 || loaded == 1);
+  check_sound();
+  const std::string text = bytes(data, size);
+  const size_t last = text.find_last_of('\n', text.size() >= 2 ? text.size() - 2 : 0);
+  for (std::string name : {text.substr(0, text.find('\n')),
+                           last == std::string::npos ? text : text.substr(last + 1)}) {
+    name = name.substr(0, name.find_first_of(std::string("\r\n\0", 3)));
+    name.resize(std::min(name.size(), size_t{PieceReader::kPiece}));
+    for (const std::string &element : {root, root + "sub//", root + "//"}) search(name, element);
+  }
+}
+
+// The alias readers. The first byte chooses the plain "aliases" list (even)
+// or "aliases.ini" (odd); the rest is the file, loaded into a fresh alias
+// table. The region must stay sound and every key the file could have made
+// must be answered, found or not, through the aliases.
+void fuzz_alias(const uint8_t *data, size_t size) {
+  if (size == 0) return;
+  scratch();
+  restore();
+  const bool profile = data[0] % 2 == 1;
+  const std::string file = write_scratch(profile ? "alias/aliases.ini" : "alias/aliases", data + 1, size - 1);
+  forget_ini_copies();
+  const int table = hash_create(kAliasBuckets);
+  FUZZ_CHECK(table > 0);
+  set_hdr(Word::Alias_Hash, table);
+  FUZZ_CHECK((profile ? alias_ini_build(table, file.c_str()) : alias_build(table, file.c_str())) == 1);
+  check_sound();
+  const std::string text = bytes(data + 1, size - 1);
+  for (size_t at = 0; at < text.size() && at < 2000;) {
+    size_t end = text.find_first_of(std::string(" \t\n=\0", 5), at);
+    if (end == std::string::npos) end = text.size();
+    if (end > at) search(text.substr(at, end - at), scratch() + "/texmf/fonts//");
+    at = end + 1;
+  }
+}
+
+// Variable expansion. The input is a byte giving the output's capacity, the
+// text, then NUL-separated name and value pairs defined in the "memory"
+// section (references to each other and cycles included). The output buffer
+// is exactly the capacity, on the heap, so a write past it is caught; the
+// result must be what the interface promises and the text come back as it
+// was, with and without a chain (as a format path is built).
+void fuzz_expand(const uint8_t *data, size_t size) {
+  if (size == 0) return;
+  scratch();
+  restore();
+  const int capacity = 1 + data[0] * 17 % 4096;
+  const std::string rest = bytes(data + 1, size - 1);
+  size_t at = 0;
+  std::string text = next_field(rest, at);
+  const std::string before = text;
+  while (at < rest.size()) {
+    const std::string name = next_field(rest, at), value = next_field(rest, at);
+    _QDMSetValue("memory", name.c_str(), value.c_str(), 0);
+  }
+  std::unique_ptr<char[]> out(new char[static_cast<size_t>(capacity)]);
+  QDMVarRef root{nullptr, "A"};
+  for (QDMVarRef *chain : {static_cast<QDMVarRef *>(nullptr), &root}) {
+    const int left = var_expand(text.data(), out.get(), capacity, chain);
+    FUZZ_CHECK(left >= 1 && left <= capacity);
+    FUZZ_CHECK(std::strlen(out.get()) == static_cast<size_t>(capacity - left));
+    FUZZ_CHECK(text == before);
+  }
+  check_sound();
+}
+
+// Brace expansion and the splitting of search paths. brace_expand gives at
+// least one alternative (the text itself when it has no "{"), all made of
+// the input's own characters; expand_braces gives a list with no ';' left
+// in any directory.
+void fuzz_braces(const uint8_t *data, size_t size) {
+  scratch();
+  const std::string text = upto_nul(bytes(data, size));
+  std::bitset<256> used;
+  for (unsigned char c : text) used.set(c);
+  char **all = brace_expand(text.c_str());
+  FUZZ_CHECK(all != nullptr && all[0] != nullptr);
+  if (text.find('{') == std::string::npos) FUZZ_CHECK(all[1] == nullptr && text == all[0]);
+  for (char **a = all; *a != nullptr; ++a)
+    for (const char *c = *a; *c; ++c) FUZZ_CHECK(used.test(static_cast<unsigned char>(*c)));
+  free_array(all);
+  std::string path = text;
+  char **dirs = expand_braces(path.data());
+  FUZZ_CHECK(dirs != nullptr);
+  for (char **d = dirs; *d != nullptr; ++d) {
+    FUZZ_CHECK(std::strchr(*d, ';') == nullptr || text.find_first_of("{}") != std::string::npos);
+    std::free(*d);
+  }
+  std::free(dirs);
+}
+
+// Matching database paths against search path elements: a path and an
+// element separated by a NUL. Neither the letter case of ASCII letters nor
+// which of "/" and "\" separates components may change the answer.
+void fuzz_match(const uint8_t *data, size_t size) {
+  const std::string in = bytes(data, size);
+  const size_t cut = in.find('\0');
+  const std::string path = in.substr(0, cut);
+  const std::string element = cut == std::string::npos ? "" : upto_nul(in.substr(cut + 1));
+  auto upper = [](std::string s) {
+    for (char &c : s) c = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+    return s;
+  };
+  auto backslashed = [](std::string s) {
+    std::replace(s.begin(), s.end(), '/', '\\');
+    return s;
+  };
+  const int m = match(path.c_str(), element.c_str());
+  FUZZ_CHECK(m == 0 || m == 1);
+  FUZZ_CHECK(match(upper(path).c_str(), element.c_str()) == m);
+  FUZZ_CHECK(match(path.c_str(), backslashed(element).c_str()) == m);
+  const int covered = elt_in_db(path.c_str(), element.c_str());
+  FUZZ_CHECK(covered == 0 || covered == 1);
+  FUZZ_CHECK(elt_in_db(backslashed(upper(path)).c_str(), element.c_str()) == covered);
+}
+
+// Front-end requests, as a host passes them to QDMFind (up to the first
+// NUL). The answer is never null, and a sound region stays sound. A type
+// names its own search path when TEXMF.INI does not define it, so a type
+// that could name a directory outside the scratch installation would walk
+// the disk: such requests are not run, nor the modes that run programs.
+void fuzz_qdmfind(const uint8_t *data, size_t size) {
+  const std::string request = upto_nul(bytes(data, size));
+  if (request.empty() || request[0] == '?' || request[0] == '!') {
+    if (strncasecmp(request.c_str(), "!Make", 5) == 0 || strncasecmp(request.c_str(), "!*Make", 6) == 0)
+      return;
+  } else {
+    const size_t lt = request.find('<');
+    const size_t gt = request.find('>', lt == std::string::npos ? 0 : lt);
+    if (lt != std::string::npos && gt != std::string::npos &&
+        request.substr(lt + 1, gt - lt - 1).find_first_of("/\\$~.:{") != std::string::npos)
+      return;
+  }
+  scratch();
+  restore();
+  const char *answer;
+  {
+    QuietStdout quiet;
+    answer = QDMFind(request.c_str());
+  }
+  FUZZ_CHECK(answer != nullptr);
+  FUZZ_CHECK(strnlen(answer, 4096) < 4096);
+  check_sound();
+}
+
+}  // namespace trv::fuzz
