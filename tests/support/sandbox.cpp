@@ -138,13 +138,18 @@ std::vector<std::string> Sandbox::env(const std::map<std::string, std::string> &
   return out;
 }
 
+bool cloexec_pipe(int fds[2]) {
+  if (pipe(fds) != 0) return false;
+  for (int i = 0; i < 2; ++i) fcntl(fds[i], F_SETFD, FD_CLOEXEC);
+  return true;
+}
+
 RunResult run(const std::vector<std::string> &argv, const std::vector<std::string> &env,
               const std::string &input) {
   int out[2], err[2], in[2];
   // Close-on-exec, so that no child keeps another pipe's end (its own
   // standard input's writer, say) open.
-  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0 || pipe2(in, O_CLOEXEC) != 0)
-    return {};
+  if (!cloexec_pipe(out) || !cloexec_pipe(err) || !cloexec_pipe(in)) return {};
   const pid_t pid = spawn(argv, env, in[0], out[1], err[1]);
   close(out[1]);
   close(err[1]);
@@ -193,7 +198,7 @@ RunResult run(const std::vector<std::string> &argv, const std::vector<std::strin
 
 Child::Child(const std::vector<std::string> &argv, const std::vector<std::string> &env) {
   int out[2];
-  if (pipe2(out, O_CLOEXEC) != 0) return;
+  if (!cloexec_pipe(out)) return;
   const int devnull = open("/dev/null", O_WRONLY);
   pid_ = spawn(argv, env, -1, out[1], devnull);
   close(devnull);

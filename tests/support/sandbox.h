@@ -44,6 +44,9 @@ class Sandbox {
   std::string root_, home_, instance_;
 };
 
+// pipe() with both ends close-on-exec (macOS has no pipe2).
+bool cloexec_pipe(int fds[2]);
+
 // What a finished child printed and how it ended.
 struct RunResult {
   int status = -1;     // exit status, or 128 + signal
