@@ -81,10 +81,6 @@ std::string lower(std::string s) {
   return s;
 }
 
-bool ends_with(const std::string &s, const std::string &tail) {
-  return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
-}
-
 // FNV-1a: a fixed order of the candidates that does not depend on the
 // order of the ls-R files.
 uint64_t fnv(const std::string &s) {
@@ -133,31 +129,23 @@ std::vector<std::string> trees_of(const std::string &ini) {
   return {};
 }
 
-bool on_path(const char *program) {
-  const char *path = std::getenv("PATH");
-  std::stringstream dirs(path ? path : "");
-  for (std::string d; std::getline(dirs, d, ':');)
-    if (access((d + "/" + program).c_str(), X_OK) == 0) return true;
-  return false;
-}
-
 struct Item {
   const Type *type;
   std::string name, engine;  // engine: the web2c subdirectory of a format
 };
 
 TEST(Agreement, TrovalisAnswersAsKpsewhichDoes) {
-  if (!on_path("kpsewhich")) {
+  test::Sandbox box;
+  const std::vector<std::string> env = box.env();
+  if (test::run({"/bin/sh", "-c", "command -v kpsewhich"}, env).status != 0) {
     // CI installs TeX Live and must not pass by skipping.
     if (std::getenv("TROVALIS_REQUIRE_TEXLIVE") != nullptr) FAIL() << "kpsewhich is not installed";
     GTEST_SKIP() << "kpsewhich is not installed (scripts/run-tests installs TeX Live)";
   }
 
-  test::Sandbox box;
   fs::create_directories(box.path("lib"));
   fs::copy_file(TROVALIS_TEST_CLI, box.path("bin/trovalis"));
   fs::copy_file(TROVALIS_TEST_LIB, box.path("lib/trovalis.so"));
-  const std::vector<std::string> env = box.env();
   const test::RunResult init =
       test::run({box.path("bin/trovalis"), "init", "--force", "-o", box.path("TEXMF.INI")}, env);
   ASSERT_EQ(init.status, 0) << init.err;
@@ -192,7 +180,7 @@ TEST(Agreement, TrovalisAnswersAsKpsewhichDoes) {
         if (e.name.find('.') == std::string::npos) continue;  // suffix-only search
         bool has_suffix = false, shadowed = false;
         for (const std::string &s : t.suffixes) {
-          has_suffix = has_suffix || ends_with(e.name, s);
+          has_suffix = has_suffix || e.name.ends_with(s);
           shadowed = shadowed || occurrences.count(lower(e.name + s)) > 0;
         }
         if (!has_suffix && t.suffixes.size() == 1 && std::string(t.name) != "tex") continue;
