@@ -59,7 +59,8 @@ class DbTest : public ::testing::Test {
  protected:
   DbTest() {
     fs::current_path(at.box.root());  // for elements and names without a directory
-    // A line ends at a NUL byte, so "z\0:" is no directory line.
+    // The reader ends a line at a NUL byte, so "z\0:" is a name (dropped, as
+    // it comes before any directory line) rather than a directory line.
     at.box.write("texmf/ls-R", std::string("z\0:\n", 4) + "% ls-R -- generated\n./:\r\na.tex\r\n"
                  ".\n..\n.0rc\nREADME.TXT\ncaf\xc3\xa9.tex\n" + kLong + "\n\n./.svn/x:\nh.tex\n"
                  "./b:\ns.tex\n./a/.cache/b:\nc.tex\n./a/b.c:\nd.tex\n./a\\.git:\ne.tex\n"
@@ -82,7 +83,7 @@ class DbTest : public ::testing::Test {
            "net/fonts/a.tfm", "blocked/a.tfm", "A/B/setup", "C/setup", "loop/a/b/found",
            "far/" + std::string(140, 'f')})
       at.box.write(f, f);
-    at.box.write(Zelvan_INI + p("").size(),
+    at.box.write(Zelvan_INI + p("").size(),  // the per-user file, under HOME
                  "[Mirrors]\n$SELFAUTOPARENT\\NET=$TEXMFLOCAL\n$SELFAUTOPARENT/empty=\n");
     fs::create_directory_symlink(p("loop"), p("loop/a/b/up"));  // cycles for the walk
     fs::create_directory_symlink(p("loop/a"), p("loop/a/side"));
