@@ -219,8 +219,13 @@ std::string Child::read_line() {
       buffered_.erase(0, nl + 1);
       return line;
     }
+    // A line that never comes fails the test in seconds, not at ctest's
+    // time limit.
+    pollfd p = {out_fd_, POLLIN, 0};
+    const int ready = poll(&p, 1, 10000);
+    if (ready < 0 && errno == EINTR) continue;
     char buf[256];
-    const ssize_t n = read(out_fd_, buf, sizeof buf);
+    const ssize_t n = ready > 0 ? read(out_fd_, buf, sizeof buf) : 0;
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
       std::string rest;

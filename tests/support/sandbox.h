@@ -63,7 +63,7 @@ class Child {
   Child(const std::vector<std::string> &argv, const std::vector<std::string> &env);
   ~Child();
   // Reads one line of the child's standard output (without the LF); empty
-  // at end of output.
+  // at end of output or after 10 s without a line.
   std::string read_line();
   // Sends `sig` and reaps the child, so that it no longer exists (a zombie
   // would still answer a liveness probe). Returns RunResult::status.
