@@ -1,6 +1,5 @@
-// The fuzz targets' scratch installation, region state and checks.
-#include "fuzz.h"
-
+// The fuzz targets' scratch installation, region state and checks, on the
+// tests' own sandbox.
 #include <fcntl.h>
 #include <semaphore.h>
 #include <sys/mman.h>
@@ -9,25 +8,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <map>
-#include <memory>
-#include <optional>
 #include <vector>
 
+#include "core/lock.h"
 #include "core/region.h"
 #include "core/validate.h"
+#include "fuzz.h"
 #include "platform/holder.h"
-#include "platform/platform.h"
 #include "profile/ini_store.h"
+#include "support/sandbox.h"
 #include "trovalis.h"
 
 namespace trv::fuzz {
 
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr const char *kIni =
     "[QDM]\n"
@@ -37,61 +31,42 @@ constexpr const char *kIni =
     "defs=$SELFAUTOPARENT/texmf/defs\n"
     "[common]\n"
     "TEXMF={$SELFAUTOPARENT/texmf,$SELFAUTOPARENT/texmf-local}\n"
-    "A=$B/a\n"
-    "B=${C,A}\n"
-    "C=c{1,2}\n"
+    "A=$B/a\nB=${C,A}\nC=c{1,2}\n"
     "[latex]\n"
     "tex=$SELFAUTOPARENT/texmf/tex/latex\n"
     "[Mirrors]\n"
     "$SELFAUTOPARENT/texmf/mirror=$SELFAUTOPARENT/texmf-local\n";
 
-struct Files {
-  const char *rel, *text;
-} const kFiles[] = {
-    {"TEXMF.INI", kIni},
-    {"texmf/ls-R", "% ls-R\n./fonts/tfm/cm:\ncmr10.tfm\ncmbx10.tfm\n\n./tex/latex:\narticle.cls\n"},
-    {"texmf/aliases", "cmr10.tfm cmrx.tfm\n% comment\n"},
-    {"texmf/aliases.ini", "[TeXFonts]\ncmr=cmr10\n[Aliases]\nold.cls=article.cls\n"},
-    {"texmf/fonts/tfm/cm/cmr10.tfm", "x"},
-    {"texmf/fonts/tfm/cm/cmbx10.tfm", "x"},
-    {"texmf/tex/latex/article.cls", "x"},
-    {"texmf/defs/defs.ini", "[fmts]\nx*=y*\nplain=plain.fmt\n"},
-    {"texmf-local/tex/local.sty", "x"},
-};
+// The scratch installation's files.
+void write_files(const test::Sandbox &box) {
+    for (const char *rel : {"texmf/fonts/tfm/cm/cmr10.tfm", "texmf/fonts/tfm/cm/cmbx10.tfm",
+                            "texmf/tex/latex/article.cls", "texmf-local/tex/local.sty"})
+      box.write(rel, "x");
+    box.write("texmf/ls-R", "% ls-R\n./fonts/tfm/cm:\ncmr10.tfm\ncmbx10.tfm\n\n./tex/latex:\narticle.cls\n");
+    box.write("texmf/aliases", "cmr10.tfm cmrx.tfm\n% comment\n");
+    box.write("texmf/aliases.ini", "[TeXFonts]\ncmr=cmr10\n[Aliases]\nold.cls=article.cls\n");
+    box.write("texmf/defs/defs.ini", "[fmts]\nx*=y*\nplain=plain.fmt\n");
+}
 
+// The installation, this process attached to its 1 MB region, and the
+// state restore() puts back: the whole mapping and the per-process switches.
 struct State {
-  std::string root;
-  std::vector<char> image;  // the whole mapping as the set-up left it
+  test::ScopedEnv size{"TROVALIS_MAP_SIZE", "1048576"};
+  test::AttachedTest attached{kIni};
+  std::vector<char> image;
   int32_t used = 0;
   char prog[sizeof ProgName] = "";
-  int trace = 0, make[2] = {}, download[2] = {}, wait = 0;
+  int trace = 0, make[2] = {}, download[2] = {}, wait = 0, common = 0, sectdir = 0;
   char *ini = nullptr, *user_ini = nullptr;
-  int common = 0, sectdir = 0;
-  std::map<std::string, std::optional<std::string>> env;  // as found
 };
 State *g_state = nullptr;
 
 // A fuzz program ends without release(); its directory goes with it.
-void remove_scratch_at_exit() {
-  if (g_state == nullptr) return;
-  std::error_code ec;
-  std::filesystem::remove_all(g_state->root, ec);
-}
-
-void set_env(State &s, const char *name, const char *value) {
-  if (!s.env.count(name)) {
-    const char *old = std::getenv(name);
-    s.env[name] = old ? std::optional<std::string>(old) : std::nullopt;
-  }
-  if (value) setenv(name, value, 1);
-  else unsetenv(name);
-}
+void release_at_exit() { release(); }
 
 // Something in every structure a reader may meet.
 void populate() {
-  QDMSearch("tfm", "cmr10");
-  QDMSearch("tfm", "cmrx");
-  QDMSearch("tfm", "absent");
+  for (const char *name : {"cmr10", "cmrx", "absent"}) QDMSearch("tfm", name);
   QDMSearch("tex", "article.cls");
   QDMFind("latex<tex>article.cls");
   QDMFind("[fmts]<defs>xa");
@@ -104,56 +79,38 @@ void populate() {
   for (int i = 0; i < 1030; ++i) QDMMessage("fuzz: ", "line", i % 6);
 }
 
-State *make_state() {
-  auto s = std::make_unique<State>();
-  char tmpl[] = "/tmp/trovalis-fuzz-XXXXXX";
-  if (mkdtemp(tmpl) == nullptr) fail("mkdtemp", __FILE__, __LINE__);
-  s->root = tmpl;
-  static const bool registered = std::atexit(remove_scratch_at_exit) == 0;
-  (void)registered;
-  for (const Files &f : kFiles) {
-    const fs::path p = fs::path(s->root) / f.rel;
-    fs::create_directories(p.parent_path());
-    std::ofstream(p, std::ios::binary) << f.text;
-  }
-  fs::create_directories(s->root + "/home");
-  fs::create_directories(s->root + "/bin");
-  char instance[32];
-  static int counter = 0;
-  std::snprintf(instance, sizeof instance, "fz%d_%d", static_cast<int>(getpid()), counter++);
-  set_env(*s, "HOME", (s->root + "/home").c_str());
-  set_env(*s, "TROVALIS_INSTANCE", instance);
-  set_env(*s, "TROVALIS_MAP_SIZE", "1048576");
-  set_env(*s, "APPDATA", nullptr);
-  set_env(*s, "USERPROFILE", nullptr);
-  platform::set_executable_path_override((s->root + "/bin/fuzz").c_str());
-  if (DllEntryPoint(nullptr, 1, nullptr) != 1) fail("attach", __FILE__, __LINE__);
-  // Names only: the objects stay open in this process and go with it.
-  shm_unlink(Map_Name);
-  sem_unlink(Cache_Lock);
-  platform::holder_remove(Cache_Lock);
-
-  populate();
-  forget_damage();
-  s->image.assign(Ptr_trovalis, Ptr_trovalis + View_Len);
-  s->used = hdr(Word::Mem_Used);
-  std::memcpy(s->prog, ProgName, sizeof ProgName);
-  s->trace = Trace;
-  std::memcpy(s->make, MakeLocked, sizeof s->make);
-  std::memcpy(s->download, AutoDownload, sizeof s->download);
-  s->wait = WaitPassMessages;
-  s->ini = INIFile;
-  s->user_ini = Zelvan_INI;
-  s->common = Common;
-  s->sectdir = SectDir;
-  return s.release();
-}
-
 }  // namespace
 
 const std::string &scratch() {
-  if (g_state == nullptr) g_state = make_state();
-  return g_state->root;
+  if (g_state == nullptr) {
+    g_state = new State;
+    State &s = *g_state;
+    write_files(s.attached.box);
+    {
+      CacheGuard lock;
+      QDMReset();
+    }
+    static const bool registered = std::atexit(release_at_exit) == 0;
+    (void)registered;
+    // Names only: the objects stay open in this process and go with it.
+    shm_unlink(Map_Name);
+    sem_unlink(Cache_Lock);
+    platform::holder_remove(Cache_Lock);
+    populate();
+    forget_damage();
+    s.image.assign(Ptr_trovalis, Ptr_trovalis + View_Len);
+    s.used = hdr(Word::Mem_Used);
+    std::memcpy(s.prog, ProgName, sizeof ProgName);
+    s.trace = Trace;
+    std::memcpy(s.make, MakeLocked, sizeof s.make);
+    std::memcpy(s.download, AutoDownload, sizeof s.download);
+    s.wait = WaitPassMessages;
+    s.ini = INIFile;
+    s.user_ini = Zelvan_INI;
+    s.common = Common;
+    s.sectdir = SectDir;
+  }
+  return g_state->attached.box.root();
 }
 
 void restore(bool whole) {
@@ -178,23 +135,12 @@ void forget_ini_copies() {
 }
 
 std::string write_scratch(const std::string &rel, const uint8_t *data, size_t size) {
-  const std::string path = scratch() + "/" + rel;
-  fs::create_directories(fs::path(path).parent_path());
-  std::ofstream(path, std::ios::binary | std::ios::trunc)
-      .write(reinterpret_cast<const char *>(data), static_cast<std::streamsize>(size));
-  return path;
+  scratch();
+  g_state->attached.box.write(rel, std::string(reinterpret_cast<const char *>(data), size));
+  return g_state->attached.box.path(rel);
 }
 
 void release() {
-  if (g_state == nullptr) return;
-  DllEntryPoint(nullptr, 2, nullptr);
-  platform::set_executable_path_override(nullptr);
-  std::error_code ec;
-  fs::remove_all(g_state->root, ec);
-  for (const auto &[name, value] : g_state->env) {
-    if (value) setenv(name.c_str(), value->c_str(), 1);
-    else unsetenv(name.c_str());
-  }
   delete g_state;
   g_state = nullptr;
 }
