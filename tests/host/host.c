@@ -9,7 +9,6 @@
  *   search TYPE NAME         QDMSearch: "answer=PATH" or "answer=(null)"
  *   request REQUEST          QDMFind: "answer=TEXT"
  *   newfile PATH             QDMNewFile: "forgotten=N"
- *   modes M0 M1 D0 D1 CON    MakeLocked, AutoDownload and ConsoleErr
  *   trace                    Trace = 1 (this process only)
  *   ready                    prints "ready" and waits to be killed
  *   hammer SECONDS TYPE NAME...  for SECONDS, every reading export over and
@@ -117,13 +116,6 @@ int main(int argc, char **argv) {
       printf("answer=%s\n", QDMFind(argv[i++]));
     } else if (strcmp(cmd, "newfile") == 0 && i < argc) {
       printf("forgotten=%d\n", QDMNewFile(argv[i++]));
-    } else if (strcmp(cmd, "modes") == 0 && i + 4 < argc) {
-      MakeLocked[0] = atoi(argv[i]);
-      MakeLocked[1] = atoi(argv[i + 1]);
-      AutoDownload[0] = atoi(argv[i + 2]);
-      AutoDownload[1] = atoi(argv[i + 3]);
-      ConsoleErr = atoi(argv[i + 4]);
-      i += 5;
     } else if (strcmp(cmd, "trace") == 0) {
       Trace = 1;
     } else if (strcmp(cmd, "hammer") == 0 && i + 2 < argc) {

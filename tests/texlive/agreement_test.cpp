@@ -45,32 +45,21 @@ struct Type {
 
 const std::vector<Type> &types() {
   static const std::vector<Type> t = {
-      {"tex", "tex", {"tex/"}, {}},
-      {"tfm", "tfm", {"fonts/tfm/"}, {".tfm"}},
-      {"vf", "vf", {"fonts/vf/"}, {".vf"}},
-      {"pk", "pk", {"fonts/pk/"}, {".pk"}},
+      {"tex", "tex", {"tex/"}, {}}, {"tfm", "tfm", {"fonts/tfm/"}, {".tfm"}},
+      {"vf", "vf", {"fonts/vf/"}, {".vf"}}, {"pk", "pk", {"fonts/pk/"}, {".pk"}},
       {"type1", "type1 fonts", {"fonts/type1/"}, {".pfb", ".pfa"}},
       {"opentype", "opentype fonts", {"fonts/opentype/"}, {".otf"}},
       {"truetype", "truetype fonts", {"fonts/truetype/"}, {".ttf", ".ttc"}},
-      {"afm", "afm", {"fonts/afm/"}, {".afm"}},
-      {"enc", "enc files", {"fonts/enc/"}, {".enc"}},
-      {"map", "map", {"fonts/map/"}, {".map"}},
-      {"cmap", "cmap files", {"fonts/cmap/"}, {}},
-      {"misc", "misc fonts", {"fonts/misc/"}, {}},
-      {"ofm", "ofm", {"fonts/ofm/"}, {".ofm"}},
-      {"ovf", "ovf", {"fonts/ovf/"}, {".ovf"}},
-      {"ovp", "ovp", {"fonts/ovp/"}, {".ovp"}},
-      {"ocp", "ocp", {"omega/ocp/"}, {".ocp"}},
-      {"otp", "otp", {"omega/otp/"}, {".otp"}},
-      {"bib", "bib", {"bibtex/bib/"}, {".bib"}},
-      {"bst", "bst", {"bibtex/bst/"}, {".bst"}},
+      {"afm", "afm", {"fonts/afm/"}, {".afm"}}, {"enc", "enc files", {"fonts/enc/"}, {".enc"}},
+      {"map", "map", {"fonts/map/"}, {".map"}}, {"cmap", "cmap files", {"fonts/cmap/"}, {}},
+      {"misc", "misc fonts", {"fonts/misc/"}, {}}, {"ofm", "ofm", {"fonts/ofm/"}, {".ofm"}},
+      {"ovf", "ovf", {"fonts/ovf/"}, {".ovf"}}, {"ovp", "ovp", {"fonts/ovp/"}, {".ovp"}},
+      {"ocp", "ocp", {"omega/ocp/"}, {".ocp"}}, {"otp", "otp", {"omega/otp/"}, {".otp"}},
+      {"bib", "bib", {"bibtex/bib/"}, {".bib"}}, {"bst", "bst", {"bibtex/bst/"}, {".bst"}},
       {"ist", "ist", {"makeindex/"}, {".ist"}},
-      {"mf", "mf", {"metafont/", "fonts/source/"}, {".mf"}},
-      {"mft", "mft", {"mft/"}, {".mft"}},
-      {"mp", "mp", {"metapost/"}, {".mp"}},
-      {"fmt", "fmt", {"web2c/"}, {".fmt"}},
-      {"lua", "lua", {"scripts/", "tex/"}, {".lua"}},
-      {"dvips", "dvipsconfig", {"dvips/"}, {}},
+      {"mf", "mf", {"metafont/", "fonts/source/"}, {".mf"}}, {"mft", "mft", {"mft/"}, {".mft"}},
+      {"mp", "mp", {"metapost/"}, {".mp"}}, {"fmt", "fmt", {"web2c/"}, {".fmt"}},
+      {"lua", "lua", {"scripts/", "tex/"}, {".lua"}}, {"dvips", "dvipsconfig", {"dvips/"}, {}},
       {"source", "source", {"source/"}, {}},
   };
   return t;
@@ -249,23 +238,19 @@ TEST(Agreement, TrovalisAnswersAsKpsewhichDoes) {
   }
 
   size_t wrong = 0, found = 0;
-  std::map<std::string, size_t> per_type;
   std::string report;
   for (size_t i = 0; i < sample.size(); ++i) {
     const Item &it = sample[i];
     const auto k = theirs.find(std::string(it.type->format) + "|" + it.name);
     const std::string expected = k == theirs.end() ? "" : k->second;
     if (!expected.empty()) ++found;
-    ++per_type[it.type->name];
     if (answers[i] == expected) continue;
     if (++wrong <= 25)
       report += std::string("  <") + it.type->name + ">" + it.name + ": trovalis '" + answers[i] +
                 "', kpsewhich '" + expected + "'\n";
   }
-  std::string sizes;
-  for (const auto &[t, n] : per_type) sizes += " " + t + "=" + std::to_string(n);
   std::cout << "sample: " << sample.size() << " names (" << found << " found by kpsewhich) from "
-            << all.size() << " files;" << sizes << "\n";
+            << all.size() << " files\n";
   EXPECT_EQ(wrong, 0u) << "answers that differ:\n" << report;
   EXPECT_GE(found, 2000u) << "too few names were found to compare";
 }
