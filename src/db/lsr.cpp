@@ -10,6 +10,7 @@
 #include <memory>
 #include <new>
 
+#include "config/stamps.h"
 #include "core/containers.h"
 #include "core/failed_reads.h"
 #include "core/region.h"
@@ -25,7 +26,12 @@ constexpr const char *kNoEntries = "WARNING: No usable entries in ";
 constexpr const char *kGenerateHint =
     "WARNING: Use 'Options|Directories ...' editor dialog to generate ls-R";
 
-bool readable(const char *file) { return access(file, R_OK) == 0; }
+// Every file a load looks for is stamped first, found or not, so that one
+// that appears later is noticed as well as one that changes.
+bool readable(const char *file) {
+  stamp_file(file);
+  return access(file, R_OK) == 0;
+}
 
 // Working paths are sized for any path the system accepts rather than cut:
 // a cut path would name some other file.
@@ -135,6 +141,7 @@ void load_network_index(int32_t *table) {
   // every reset.
   static constexpr const char *kDefaultPattern = "%s\\Update\\ls-R.net";
   char pattern[260];
+  stamp_file(setup);
   if (std::strchr(setup, '/') != nullptr && access(setup, F_OK) != 0) {
     std::snprintf(pattern, sizeof pattern, "%s", kDefaultPattern);
   } else {
