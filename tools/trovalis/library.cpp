@@ -102,8 +102,7 @@ const Api *load() {
                  dir.c_str(), dir.c_str(), errors.c_str());
     return nullptr;
   }
-  bool ok = resolve(handle, "QDMGetMessages", api.QDMGetMessages);
-  ok = resolve(handle, "QDMMsgInfo", api.QDMMsgInfo) && ok;
+  bool ok = resolve(handle, "QDMCopyMessages", api.QDMCopyMessages);
   ok = resolve(handle, "QDMMessage", api.QDMMessage) && ok;
   ok = resolve(handle, "QDMReady", api.QDMReady) && ok;
   ok = resolve(handle, "_QDMSearch", api.QDMSearch) && ok;
