@@ -34,6 +34,10 @@ struct Pending {
 
 bool g_recording = false;
 bool g_lost = false;  // a stamp could not be kept in process memory
+// This process found the list stale: the reset it runs is the retry, and
+// a read that fails again is taken to fail for good (an unreadable tree,
+// say). Marking that list stale too would reset at every program's start.
+bool g_retry = false;
 int32_t g_slot = 0;
 std::vector<Pending> g_files;
 
@@ -112,7 +116,8 @@ void stamps_end(bool complete) {
   if (!g_recording) return;
   g_recording = false;
   char *slot = g_slot > 0 ? at(g_slot, 4) : nullptr;
-  if (slot != nullptr) storei(slot, write_list(complete && !g_lost));
+  if (slot != nullptr) storei(slot, write_list((complete || g_retry) && !g_lost));
+  g_retry = false;
   g_files.clear();
   g_files.shrink_to_fit();
 }
@@ -128,6 +133,7 @@ bool stamps_changed(const char **why) {
   }
   if ((load32(p + 4) & kStale) != 0) {
     *why = "(a file could not be read at the last reset)";
+    g_retry = true;
     return true;
   }
   const int32_t count = loadi(p + 8);

@@ -30,7 +30,8 @@ void stamps_reserve();
 bool stamp_file(const char *path);
 // Stores the list and ends the recording. `complete` false (a read failed
 // for a reason other than absence) marks the list stale, so that the next
-// process to start resets again.
+// process to start resets again; once: where that reset fails too, the
+// failure is taken to last, and its list is not marked.
 void stamps_end(bool complete);
 
 // With the cache lock held: true when the region's stamp list says a reset
