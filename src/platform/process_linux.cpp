@@ -1,5 +1,5 @@
 // Linux: the executable's path from /proc, the semaphore's value and
-// backing file.
+// backing file, file stamps and the per-user configuration folder.
 #include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -68,9 +68,12 @@ const char *user_config_folder() {
   static char folder[PATH_MAX];
   const char *xdg = std::getenv("XDG_CONFIG_HOME");
   const char *home = std::getenv("HOME");
-  if (xdg != nullptr && xdg[0] == '/') std::snprintf(folder, sizeof folder, "%s", xdg);
-  else if (home != nullptr && home[0] != '\0') std::snprintf(folder, sizeof folder, "%s/.config", home);
-  else folder[0] = '\0';
+  if (xdg != nullptr && xdg[0] == '/')
+    std::snprintf(folder, sizeof folder, "%s", xdg);
+  else if (home != nullptr && home[0] != '\0')
+    std::snprintf(folder, sizeof folder, "%s/.config", home);
+  else
+    folder[0] = '\0';
   return folder;
 }
 

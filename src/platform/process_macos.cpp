@@ -1,4 +1,5 @@
-// macOS: the executable's path from the dynamic loader; semaphore checks.
+// macOS: the executable's path from the dynamic loader; semaphore checks;
+// file stamps and the per-user configuration folder.
 #include <mach-o/dyld.h>
 #include <sys/stat.h>
 
