@@ -126,6 +126,17 @@ TROVALIS_API int _QDMGetMessages(char **texts, int maximum);
 TROVALIS_API int QDMGetMessages(char **texts, int maximum);
 /* Four words: held, total, warnings, type-5 posts. */
 TROVALIS_API int *QDMMsgInfo(void);
+/* Copies log lines, oldest first, into `lines`, which has room for
+ * `maximum` texts of QDM_MESSAGE_BYTES bytes each (every one NUL-terminated):
+ * the lines posted after the post count *since, or with since NULL the
+ * newest `maximum`; when more were posted than fit or than the log holds,
+ * the newest of them. *total receives the post count the copy corresponds
+ * to (every post since the region was made, modulo 2^32). The count and the
+ * texts are read together under the cache lock, so a line posted meanwhile
+ * is neither missed nor copied twice. Returns the number of lines copied. */
+#define QDM_MESSAGE_BYTES 101
+TROVALIS_API int QDMCopyMessages(const unsigned *since, char *lines, int maximum,
+                                 unsigned *total);
 TROVALIS_API void QDMSetStateNotifier(QDMStateNotifier callback);
 /* Hands every line this process logs through message() (prefix and
  * argument, up to 255 characters, without the "QDM-program: " source) to

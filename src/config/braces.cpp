@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/failed_reads.h"
 #include "trovalis.h"
 
 namespace trv {
@@ -321,9 +322,11 @@ int OKDir(const char *dir) {
       std::memcpy(top, dir, n - 2);
       top[n - 2] = '\0';
       ok = access(top, R_OK) == 0;
+      if (!ok) note_failed_read(top, errno);
     }
   } else {
     ok = access(dir, R_OK) == 0;
+    if (!ok) note_failed_read(dir, errno);
   }
   if (Trace) message(ok ? "Accept directory: " : "Pass absent directory: ", dir);
   return ok;

@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/containers.h"
+#include "core/failed_reads.h"
 #include "core/region.h"
 #include "core/validate.h"
 #include "trovalis.h"
@@ -99,6 +101,17 @@ extern "C" char *FormatPath(const char *program, const char *type) {
   lru_insert(table, type, record);
   const int answers = lru_create(type);
   set_word(record, kAnswers, answers > 0 ? answers : 0);
+  const FailedReadWatch reads;
   build_record(record, type);
+  if (reads.failed()) {
+    // Built from a file this process could not read: the record serves
+    // this process's request only. Its entry (the list's first since the
+    // lookup) reads as "none" from now on, so the next request builds the
+    // record again.
+    lru_lookup(table, type);
+    const char *head = at(table, LruHeadLayout::kName);
+    const int32_t first = head != nullptr ? loadi(head + LruHeadLayout::kFirst) : 0;
+    if (first > 0 && entry_value(first) == record) entry_set_value(first, 0);
+  }
   return at(record, kRecordBytes);
 }

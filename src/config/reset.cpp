@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "config/stamps.h"
+#include "core/failed_reads.h"
 #include "core/region.h"
 #include "trovalis.h"
 
@@ -10,6 +12,9 @@ using namespace trv;
 
 extern "C" int QDMReset(void) {
   if (!region_mapped()) return 0;
+  // Every file read from here on is stamped (config/stamps.h).
+  stamps_begin();
+  const FailedReadWatch reads;
   char main_ini[4096];
   const char *stored = text_at(hdr(Word::Common_INI));
   std::snprintf(main_ini, sizeof main_ini, "%s", stored ? stored : "");
@@ -26,6 +31,7 @@ extern "C" int QDMReset(void) {
   message("Moderation of environment variable import is switched ", moderated ? "ON" : "OFF");
 
   set_hdr(Word::Mem_Used, hdr(Word::Mem_Mark));
+  stamps_reserve();
   // Every offset handed out since the mark is void from here on; a search
   // that copied records out without the lock checks this count to know.
   set_hdr(Word::Reset_Count, static_cast<int32_t>(static_cast<uint32_t>(hdr(Word::Reset_Count)) + 1u));
@@ -64,5 +70,6 @@ extern "C" int QDMReset(void) {
   // Databases last, above the tables made here; the mirror list follows.
   init_db();
   Load_Mirrors();
+  stamps_end(!reads.failed());
   return 0;
 }

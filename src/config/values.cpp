@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/failed_reads.h"
 #include "core/lock.h"
 #include "core/region.h"
 #include "core/validate.h"
@@ -55,6 +56,9 @@ char *_QDMValue(const char *section, const char *key) {
   int32_t word = table > 0 ? hash_lookup(table, key) : 0;
   char *result = nullptr;
   if (word == 0) {
+    // A value read while a file could not be read is answered but not
+    // cached: for other processes it may well be there.
+    const FailedReadWatch reads;
     read_file(Zelvan_INI, section, key);
     if (QDMAns[0] == '\0') {
       read_file(INIFile, section, key);
@@ -65,14 +69,15 @@ char *_QDMValue(const char *section, const char *key) {
         if (folder[0] != '\0') std::snprintf(QDMAns, sizeof QDMAns, "%s", folder);
       }
     }
+    const bool keep = !reads.failed();
     if (QDMAns[0] != '\0') {
-      word = stradd(QDMAns);
+      word = keep ? stradd(QDMAns) : 0;
       if (word > 0 && table > 0) hash_insert(table, key, word);
       // With the arena full the value is still answered, from QDMAns; it is
       // simply not cached.
       result = word > 0 ? at(word, 1) : QDMAns;
     } else {
-      if (table > 0) hash_insert(table, key, kKnownEmpty);
+      if (keep && table > 0) hash_insert(table, key, kKnownEmpty);
       word = kKnownEmpty;
     }
   } else if (word != kKnownEmpty) {

@@ -16,10 +16,12 @@
 #include <cstring>
 #include <strings.h>
 
+#include "config/stamps.h"
 #include "core/lock.h"
 #include "core/region.h"
 #include "core/repair.h"
 #include "core/validate.h"
+#include "platform/platform.h"
 #include "trovalis.h"
 #include "trovalis_config.h"
 
@@ -32,6 +34,7 @@ constexpr int64_t kMinMapSize = 1 << 20;   // room for the fixed objects and a c
 constexpr int64_t kMaxMapSize = 1 << 30;   // offsets are signed 32-bit
 
 char g_instance[kInstanceMax + 2];  // "-" + instance
+char g_main_ini[PATH_MAX];          // TROVALIS_INI, made absolute; "" when unset
 bool g_private = false;
 
 bool report(const char *caption, const char *format, ...) __attribute__((format(printf, 2, 3)));
@@ -43,6 +46,30 @@ bool report(const char *caption, const char *format, ...) {
   va_end(ap);
   MessageBox_S(text, caption);
   return false;
+}
+
+// TROVALIS_INI names the main configuration file for a program that lives
+// far from any TEXMF.INI (/usr/bin/pdftex). It is checked at every attach,
+// not only by the process that creates the region, so that a wrong value
+// fails the same way whichever program runs first. A relative name is taken
+// from the current directory, without resolving links: the file's own
+// directory is SELFAUTOPARENT.
+bool read_main_ini() {
+  g_main_ini[0] = '\0';
+  const char *value = std::getenv("TROVALIS_INI");
+  if (value == nullptr || value[0] == '\0') return true;
+  char cwd[PATH_MAX] = "";
+  if (value[0] != '/' && getcwd(cwd, sizeof cwd) == nullptr) cwd[0] = '\0';
+  const int n = std::snprintf(g_main_ini, sizeof g_main_ini, "%s%s%s", cwd, cwd[0] ? "/" : "",
+                              value);
+  struct stat st {};
+  if (n <= 0 || static_cast<size_t>(n) >= sizeof g_main_ini || stat(g_main_ini, &st) != 0 ||
+      !S_ISREG(st.st_mode) || access(g_main_ini, R_OK) != 0) {
+    g_main_ini[0] = '\0';
+    return report(TDSError, "Can't locate TEXMF.INI file: TROVALIS_INI=%s names no readable file",
+                  value);
+  }
+  return true;
 }
 
 // TROVALIS_INSTANCE and TROVALIS_MAP_SIZE. Malformed values fail the attach
@@ -73,7 +100,7 @@ bool read_knobs() {
                     static_cast<long long>(kMinMapSize), static_cast<long long>(kMaxMapSize));
     Map_Size = View_Len = static_cast<int>(v);
   }
-  return true;
+  return read_main_ini();
 }
 
 // Maps a region that only this process sees, with the shared layout, so that
@@ -118,9 +145,14 @@ bool incomplete(const char *base) {
   return version == 0 || (version == kLayoutVersion && mark <= 0);
 }
 
-// Tries dir + "TEXMF.INI" and dir + ".zelvan/TEXMF.INI" from the executable's
-// directory up to the root; the first that exists is the main file.
+// TROVALIS_INI when set; else tries dir + "TEXMF.INI" and
+// dir + ".zelvan/TEXMF.INI" from the executable's directory up to the root,
+// and the first that exists is the main file.
 bool locate_main_ini(char *out, size_t size) {
+  if (g_main_ini[0] != '\0') {
+    const int n = std::snprintf(out, size, "%s", g_main_ini);
+    return n > 0 && static_cast<size_t>(n) < size;
+  }
   char path[PATH_MAX];
   if (GetModuleFileName(nullptr, path, sizeof path) == 0) return false;
   static const char *const kCandidates[] = {"TEXMF.INI", ".zelvan/TEXMF.INI"};
@@ -152,7 +184,7 @@ bool first_time_init() {
   char folder[PATH_MAX] = "";
   const char *env = std::getenv("APPDATA");
   if (env == nullptr) env = std::getenv("USERPROFILE");
-  std::snprintf(folder, sizeof folder, "%s", env ? env : GetSystemFolder(26));
+  std::snprintf(folder, sizeof folder, "%s", env ? env : platform::user_config_folder());
   char user_ini[PATH_MAX + 16];
   if (folder[0] != '\0') {
     OemToChar(folder, folder);
@@ -356,6 +388,14 @@ bool attach() {
       putenv(strdup(text));  // putenv keeps the pointer: hand it a private copy
     }
     repair_pending_region();
+    // ls-R files and configuration rewritten since the last reset (by
+    // TeX Live's tools, say) are taken in now, once, while later
+    // processes wait for the lock.
+    const char *changed = nullptr;
+    if (stamps_changed(&changed)) {
+      message("INFO: Resetting, changed since the last reset: ", changed);
+      QDMReset();
+    }
   }
   ReleaseMutex(Lock);
 

@@ -171,6 +171,27 @@ int *QDMMsgInfo(void) {
   return reinterpret_cast<int *>(Ptr_trovalis + 4 * static_cast<int>(Word::Msg_Held));
 }
 
+int QDMCopyMessages(const unsigned *since, char *lines, int maximum, unsigned *total) {
+  static_assert(QDM_MESSAGE_BYTES == MsgSlotLayout::kTextBytes);
+  CacheGuard guard;
+  repair_damage();
+  const uint32_t now = static_cast<uint32_t>(hdr(Word::Msg_Total));
+  if (total != nullptr) *total = now;
+  if (lines == nullptr || maximum <= 0) return 0;
+  uint32_t want = static_cast<uint32_t>(maximum < kMsgMax ? maximum : kMsgMax);
+  if (since != nullptr && now - *since < want) want = now - *since;
+  char *texts[kMsgMax];
+  const int got = _QDMGetMessages(texts, static_cast<int>(want));
+  for (int i = 0; i < got; ++i) {
+    char *to = lines + static_cast<size_t>(i) * QDM_MESSAGE_BYTES;
+    const char *from = texts[got - 1 - i];
+    const size_t n = strnlen(from, QDM_MESSAGE_BYTES - 1);
+    std::memcpy(to, from, n);
+    to[n] = '\0';
+  }
+  return got;
+}
+
 void QDMSetStateNotifier(QDMStateNotifier callback) { StateNotifierProc = callback; }
 
 void QDMSetMessageTap(QDMMessageTap tap) { g_tap = tap; }

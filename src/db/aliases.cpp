@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/failed_reads.h"
 #include "db/db.h"
 #include "trovalis.h"
 
@@ -55,7 +56,10 @@ int alias_build(int table, const char *file) {
   do {
     f = std::fopen(file, "r");
   } while (f == nullptr && errno == EINTR);
-  if (f == nullptr) return 0;
+  if (f == nullptr) {
+    note_failed_read(file, errno);
+    return 0;
+  }
   if (Trace_Load) message(kLoadAlias, file);
 
   PieceReader reader(f);
@@ -76,6 +80,7 @@ int alias_build(int table, const char *file) {
     if (*alias == '\0') continue;
     enter(table, alias, target);
   }
+  if (std::ferror(f)) note_failed_read(file, EIO);
   std::fclose(f);
   return 1;
 }

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "core/containers.h"
+#include "core/failed_reads.h"
 #include "core/lock.h"
 #include "core/region.h"
 #include "db/db.h"
@@ -203,7 +204,10 @@ extern "C" char *db_search(const char *name, const char *element, char *out) {
       const int w = std::snprintf(out, kPathBuf, "%s%s", dir, key);
       if (w < 0 || w >= kPathBuf) return true;
       if (!match(out, used)) return true;
-      if (out[0] != ':' && access(out, R_OK) != 0) return true;
+      if (out[0] != ':' && access(out, R_OK) != 0) {
+        note_failed_read(out, errno);  // there but unreadable: not a miss to keep
+        return true;
+      }
       found = out;
       return false;
     });

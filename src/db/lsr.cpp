@@ -10,7 +10,9 @@
 #include <memory>
 #include <new>
 
+#include "config/stamps.h"
 #include "core/containers.h"
+#include "core/failed_reads.h"
 #include "core/region.h"
 #include "db/db.h"
 #include "profile/ini_store.h"
@@ -23,6 +25,13 @@ namespace {
 constexpr const char *kNoEntries = "WARNING: No usable entries in ";
 constexpr const char *kGenerateHint =
     "WARNING: Use 'Options|Directories ...' editor dialog to generate ls-R";
+
+// Every file a load looks for is stamped first, found or not, so that one
+// that appears later is noticed as well as one that changes.
+bool readable(const char *file) {
+  stamp_file(file);
+  return access(file, R_OK) == 0;
+}
 
 // Working paths are sized for any path the system accepts rather than cut:
 // a cut path would name some other file.
@@ -37,8 +46,6 @@ std::FILE *open_read(const char *file) {
   } while (f == nullptr && errno == EINTR);
   return f;
 }
-
-bool readable(const char *file) { return access(file, R_OK) == 0; }
 
 // dir + "/" + leaf with every "\" turned into "/"; false when it does not
 // fit. No "/" is added after a dir that already ends with one: the file's
@@ -134,6 +141,7 @@ void load_network_index(int32_t *table) {
   // every reset.
   static constexpr const char *kDefaultPattern = "%s\\Update\\ls-R.net";
   char pattern[260];
+  stamp_file(setup);
   if (std::strchr(setup, '/') != nullptr && access(setup, F_OK) != 0) {
     std::snprintf(pattern, sizeof pattern, "%s", kDefaultPattern);
   } else {
@@ -237,7 +245,10 @@ int db_build(int table, const char *file) {
   std::snprintf(root, sizeof root, "%.*s", static_cast<int>(flen > 4 ? flen - 4 : 0), file);
 
   std::FILE *f = open_read(file);
-  if (f == nullptr) return 0;
+  if (f == nullptr) {
+    note_failed_read(file, errno);
+    return 0;
+  }
   if (Trace_Load) message("Load DB: ", file);
 
   PieceReader reader(f);
@@ -281,6 +292,7 @@ int db_build(int table, const char *file) {
     if (!table_of.add(line, n, current)) break;
     ++files;
   }
+  if (std::ferror(f)) note_failed_read(file, EIO);
   std::fclose(f);
 
   if (files == 0) {

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "core/lock.h"
+#include "core/message.h"
 #include "core/region.h"
 #include "core/validate.h"
 #include "trovalis.h"
@@ -35,7 +36,11 @@ int QDMAddToPool(const char *text) {
   if (text == nullptr) return 0;
   const size_t len = std::strlen(text);
   // Readers take no text longer than kTextMax; one would read as damage.
-  if (len > static_cast<size_t>(kTextMax)) return 0;
+  if (len > static_cast<size_t>(kTextMax)) {
+    messagef("ERROR: ", "Pool text of %zu bytes refused: longer than %lld", len,
+             static_cast<long long>(kTextMax));
+    return 0;
+  }
   CacheGuard guard;
   const int64_t used = hdr(Word::Mem_Used);
   const int64_t low = hdr(Word::Pool_Low);

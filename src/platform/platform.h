@@ -4,6 +4,7 @@
 #include <semaphore.h>
 
 #include <cstddef>
+#include <cstdint>
 
 namespace trv::platform {
 
@@ -28,5 +29,24 @@ bool semaphore_known_free(sem_t *sem);
 // `why` to a short reason when it is not. Returns true when acceptable or
 // when the system gives no way to look.
 bool semaphore_file_ok(const char *name, const char **why);
+
+// What tells one version of a file from another: a file rewritten in place
+// or replaced by a rename differs in at least one of these. All 0 for a
+// file that is not there (no file has inode 0).
+struct FileStamp {
+  int64_t size = 0;
+  int64_t mtime_sec = 0;
+  int64_t inode = 0;
+  int32_t mtime_nsec = 0;
+};
+
+// The stamp of `path` (following links); all 0 when it cannot be looked at.
+FileStamp file_stamp(const char *path);
+
+// The folder that holds the per-user folder when neither APPDATA nor
+// USERPROFILE names one: ~/Library on macOS; on Linux $XDG_CONFIG_HOME when
+// it is an absolute path, else ~/.config. Empty when HOME is not set
+// either (Linux).
+const char *user_config_folder();
 
 }  // namespace trv::platform

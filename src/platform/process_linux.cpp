@@ -1,10 +1,11 @@
 // Linux: the executable's path from /proc, the semaphore's value and
-// backing file.
+// backing file, file stamps and the per-user configuration folder.
 #include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "platform/platform.h"
@@ -49,6 +50,31 @@ bool semaphore_file_ok(const char *name, const char **why) {
     return false;
   }
   return true;
+}
+
+FileStamp file_stamp(const char *path) {
+  FileStamp s;
+  struct stat st {};
+  if (stat(path, &st) != 0) return s;
+  s.size = st.st_size;
+  s.mtime_sec = st.st_mtim.tv_sec;
+  s.mtime_nsec = static_cast<int32_t>(st.st_mtim.tv_nsec);
+  s.inode = static_cast<int64_t>(st.st_ino);
+  return s;
+}
+
+// The XDG base directory rule: a relative $XDG_CONFIG_HOME is ignored.
+const char *user_config_folder() {
+  static char folder[PATH_MAX];
+  const char *xdg = std::getenv("XDG_CONFIG_HOME");
+  const char *home = std::getenv("HOME");
+  if (xdg != nullptr && xdg[0] == '/')
+    std::snprintf(folder, sizeof folder, "%s", xdg);
+  else if (home != nullptr && home[0] != '\0')
+    std::snprintf(folder, sizeof folder, "%s/.config", home);
+  else
+    folder[0] = '\0';
+  return folder;
 }
 
 }  // namespace trv::platform

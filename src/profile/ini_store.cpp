@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "config/stamps.h"
+#include "core/failed_reads.h"
 #include "profile/profile_text.h"
 
 extern "C" {
@@ -149,7 +151,9 @@ char *resolve_name(char *name, char (&out)[kResolvedNameBytes]) {
 bool first_load(INIF *f, int fd, const struct stat &st) {
   if (!realloc_Body(f, st.st_size)) return false;
   f->MTime = static_cast<int32_t>(st.st_mtime);
+  errno = 0;
   f->Size = read_upto(fd, f->Body, static_cast<int32_t>(st.st_size));
+  if (f->Size != st.st_size) note_failed_read(f->Name, errno != 0 ? errno : EIO);
   put_suffix(f);
   return rescan_BodyIndex(f);
 }
@@ -188,6 +192,7 @@ bool realloc_Body(INIF *f, int64_t length) {
                    : nullptr;
   if (body == nullptr) {
     message(kNoBodyMessage, f->Name);
+    note_failed_read(f->Name, ENOMEM);
     return false;
   }
   // A fresh buffer rather than realloc: the index entries are moved while the
@@ -216,13 +221,20 @@ bool rescan_BodyIndex(INIF *f) {
 }
 
 bool reload_Modified_Body(INIF *f) {
+  // Where the file cannot be looked at or read now, the old copy serves
+  // this process; it may be stale, so nothing is cached from it.
   struct stat st;
-  if (stat(f->Name, &st) != 0) return true;
+  if (stat(f->Name, &st) != 0) {
+    note_failed_read(f->Name, errno);
+    return true;
+  }
   if (static_cast<int32_t>(st.st_mtime) == f->MTime && static_cast<int64_t>(st.st_size) == f->Size)
     return true;
   const int fd = open_retry(f->Name, O_RDONLY);
   if (fd < 0) {
+    const int err = errno;
     message(kCantReload, f->Name);
+    note_failed_read(f->Name, err);
     return true;
   }
   if (!realloc_Body(f, st.st_size)) {
@@ -230,8 +242,13 @@ bool reload_Modified_Body(INIF *f) {
     return false;
   }
   f->MTime = static_cast<int32_t>(st.st_mtime);
+  errno = 0;
   f->Size = read_upto(fd, f->Body, static_cast<int32_t>(st.st_size));
-  if (f->Size != st.st_size) message(kIncomplete, f->Name);
+  if (f->Size != st.st_size) {
+    const int err = errno != 0 ? errno : EIO;
+    message(kIncomplete, f->Name);
+    note_failed_read(f->Name, err);
+  }
   put_suffix(f);
   close_fd(fd);
   if (!rescan_BodyIndex(f)) {
@@ -255,6 +272,10 @@ INIF *find_INIF(char *name, bool for_write) {
     return nullptr;
   }
 
+  // A reset stamps every file it reads, and reads what the stamp
+  // describes: a copy kept from before is loaded again, since a rewrite
+  // within the same second and of the same size would not show as stale.
+  const bool first_in_reset = stamp_file(resolved);
   INIF *prev = nullptr;
   for (INIF *f = INI_File; f != nullptr; prev = f, f = f->Next) {
     if (ascii_casecmp(f->Name, resolved) != 0) continue;
@@ -262,11 +283,13 @@ INIF *find_INIF(char *name, bool for_write) {
       prev->Next = f->Next;
       push_front(f);
     }
+    if (first_in_reset) f->MTime = INT32_MIN;
     return reload_Modified_Body(f) ? f : nullptr;
   }
 
   struct stat st;
   if (stat(resolved, &st) != 0) {
+    note_failed_read(resolved, errno);
     if (!for_write) {
       message(kAbsent, resolved);
       return nullptr;
@@ -281,10 +304,12 @@ INIF *find_INIF(char *name, bool for_write) {
   }
 
   const int fd = open_retry(resolved, O_RDONLY);
+  const int err = fd < 0 ? errno : ENOMEM;
   INIF *f = fd >= 0 ? alloc_INIF(resolved) : nullptr;
   if (f == nullptr) {
     if (fd >= 0) close_fd(fd);
     message(kCantOpenMessage, resolved);
+    note_failed_read(resolved, err);
     return nullptr;
   }
   const bool loaded = first_load(f, fd, st);

@@ -1,6 +1,7 @@
 // Registry emulation: keys as sections of REG.INI, values as their key lines.
 #include <cstring>
 
+#include "profile/profile_text.h"
 #include "trovalis.h"
 
 extern "C" {
@@ -17,6 +18,11 @@ constexpr size_t kSubKeyBytes = sizeof Key_List[0].SubKey;
 constexpr char kDefaultValue[] = "Default";
 
 char g_key_dir[256];
+// The profile store holds sections whose head "[" name "]" fits its head
+// buffer; a longer key could be built here but never stored, and a value
+// set under it would be lost while the call reported success.
+constexpr size_t kKeyDirMax = trv::kHeadBytes - 3;
+static_assert(kKeyDirMax < sizeof g_key_dir);
 
 // The slot that an opened-key handle designates, or -1. Handles 0 and 1
 // reach the slots too, as 16 and 17 do.
@@ -28,7 +34,7 @@ int open_slot(int key) {
 
 bool append(size_t *used, const char *text) {
   const size_t n = std::strlen(text);
-  if (*used + n >= sizeof g_key_dir) return false;
+  if (*used + n > kKeyDirMax) return false;
   std::memcpy(g_key_dir + *used, text, n + 1);
   *used += n;
   return true;

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "core/containers.h"
+#include "core/failed_reads.h"
 #include "core/lock.h"
 #include "core/message.h"
 #include "core/region.h"
@@ -77,6 +78,7 @@ char *walk(char *dir, const struct stat &st, Walk &w, int depth) {
       if (Trace) message("OK: ", dir);
       return dir;
     }
+    note_failed_read(dir, errno);
     dir[n] = '\0';
   } else {
     too_long(w, dir);
@@ -85,7 +87,9 @@ char *walk(char *dir, const struct stat &st, Walk &w, int depth) {
   if (Trace) message("Scan: ", dir);
   DIR *d = open_dir(dir);
   if (d == nullptr) {
+    const int err = errno;
     message("ERROR: Can't opendir: ", dir);
+    note_failed_read(dir, err);
     return nullptr;
   }
   char *found = nullptr;
@@ -101,7 +105,9 @@ char *walk(char *dir, const struct stat &st, Walk &w, int depth) {
     std::memcpy(dir + n + 1, ent->d_name, len + 1);
     struct stat sub;
     if (stat(dir, &sub) != 0) {
+      const int err = errno;
       message("ERROR: Can't access directory: ", dir);
+      note_failed_read(dir, err);
       continue;
     }
     if (!S_ISDIR(sub.st_mode)) continue;
@@ -116,7 +122,9 @@ char *walk(char *dir, const struct stat &st, Walk &w, int depth) {
 char *recurse(char *dir, const char *name) {
   struct stat st;
   if (stat(dir, &st) != 0) {
+    const int err = errno;
     message("WARNING: absent directory: ", dir);
+    note_failed_read(dir, err);
     return nullptr;
   }
   if (!S_ISDIR(st.st_mode)) {
@@ -234,7 +242,10 @@ char *find_AppBundle(char *path) {
   do {
     f = std::fopen(lnk, "r");
   } while (f == nullptr && errno == EINTR);
-  if (f == nullptr) return path;
+  if (f == nullptr) {
+    note_failed_read(lnk, errno);
+    return path;
+  }
   char text[kSearchBuf - 1];  // the first 258 characters of the first line
   if (std::fgets(text, sizeof text, f) == nullptr) text[0] = '\0';
   std::fclose(f);

@@ -13,6 +13,7 @@
 #include "core/lock.h"
 #include "core/region.h"
 #include "platform/admin.h"
+#include "platform/platform.h"
 #include "search/dirsearch.h"
 #include "search/search.h"
 #include "trovalis.h"
@@ -56,14 +57,23 @@ class DownloadRun {
       return;
     }
     char name[sizeof Download_Lock + 64];
-    if (!download_lock_name(name, sizeof name)) errno = ENAMETOOLONG;
-    else lock_ = CreateMutex(nullptr, 0, name);
-    set_lock_timing(lock_, kDownloadLockTiming);
-    if (lock_ == nullptr) {
-      char text[256];
-      std::snprintf(text, sizeof text, "[%s] of creating MUTEX '%s'", LastErr(), name);
-      message("ERROR: ", text);
+    const char *why = nullptr;
+    if (!download_lock_name(name, sizeof name)) {
+      errno = ENAMETOOLONG;
+    } else if (!platform::semaphore_file_ok(name, &why)) {
+      // The lock's name carries no user id, so another user's semaphore
+      // (or something that is no semaphore) may stand under it. That does
+      // not change while the process runs: it is reported once, in the
+      // log, and the runs go on unserialised. The cache lock's own check
+      // would print the start-up report on standard error at every run.
+      if (!unusable_told_) report(why, name);
+      unusable_told_ = true;
+      return;
+    } else {
+      lock_ = CreateMutex(nullptr, 0, name);
     }
+    set_lock_timing(lock_, kDownloadLockTiming);
+    if (lock_ == nullptr) report(LastErr(), name);
   }
   ~DownloadRun() {
     if (lock_ == nullptr) return;
@@ -82,6 +92,13 @@ class DownloadRun {
   }
 
  private:
+  static void report(const char *reason, const char *name) {
+    char text[256];
+    std::snprintf(text, sizeof text, "[%s] of creating MUTEX '%s'", reason, name);
+    message("ERROR: ", text);
+  }
+
+  static inline bool unusable_told_ = false;
   QDMLock *lock_ = nullptr;
   bool waited_ = false;
 };

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "core/containers.h"
+#include "core/failed_reads.h"
 #include "core/lock.h"
 #include "core/region.h"
 #include "core/validate.h"
@@ -185,6 +186,9 @@ char *search(const char *type, const char *name, int origin) {
   }
   trace("INFO: Getting file Type path: ", type);
 
+  // An outcome that rests on a file this process could not read is its
+  // own: it is answered but not cached, nor is a download marker.
+  const FailedReadWatch reads;
   Record rec;
   char *r = nullptr;
   bool search_again;
@@ -240,7 +244,7 @@ char *search(const char *type, const char *name, int origin) {
     }
 
     if (net_marker(r)) {
-      if (download >= -1) {
+      if (download >= -1 && !reads.failed()) {
         CacheGuard guard;
         const FormatWords w = read_record(FormatPath(program_key(), type));
         if (w.answers != 0) {
@@ -275,7 +279,7 @@ char *search(const char *type, const char *name, int origin) {
     break;
   }
 
-  {
+  if (!reads.failed()) {
     CacheGuard guard;
     const FormatWords w = read_record(FormatPath(program_key(), type));
     if (w.answers != 0) {

@@ -1,6 +1,7 @@
 // The shared message log: reading it, following it, posting to it.
 #include <time.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -23,43 +24,37 @@ constexpr const char *kPostUsage =
     "Post TEXT to the shared message log with the given type (default 1;\n"
     "4 counts as a warning).\n";
 
-// The newest n lines, oldest first, copied: the texts live in the shared
-// region, where other processes may post over them.
-std::vector<std::string> newest(const tool::Api *api, int n) {
-  std::vector<char *> texts(static_cast<size_t>(n) + 1);
-  const int got = api->QDMGetMessages(texts.data(), n);
-  std::vector<std::string> lines;
-  for (int i = got - 1; i >= 0; --i) {
-    // Relayed output keeps its line end; one line on the screen per message.
-    std::string &l = lines.emplace_back(texts[static_cast<size_t>(i)]);
+constexpr int kLogLines = 1024;
+
+// Prints lines the library copied, one per line on the screen: relayed
+// output keeps its line end in the log.
+void print_lines(const std::vector<char> &buf, int count) {
+  for (int i = 0; i < count; ++i) {
+    std::string l(&buf[static_cast<size_t>(i) * QDM_MESSAGE_BYTES]);
     while (!l.empty() && (l.back() == '\n' || l.back() == '\r')) l.pop_back();
+    std::printf("%s\n", l.c_str());
   }
-  return lines;
+  std::fflush(stdout);
 }
 
-// Posts seen so far: the total counter of the queue.
-long total(const tool::Api *api) {
-  const int *info = api->QDMMsgInfo();
-  return info != nullptr ? info[1] : 0;
-}
-
-int follow(const tool::Api *api) {
-  long seen = total(api);
+// The post count and the lines are copied together, under the cache lock:
+// read one after the other, a line posted in between would be missed or
+// printed twice.
+int follow(const tool::Api *api, unsigned seen) {
+  std::vector<char> buf(static_cast<size_t>(kLogLines) * QDM_MESSAGE_BYTES);
   const timespec pause = {0, 200 * 1000 * 1000};
   for (;;) {
     nanosleep(&pause, nullptr);
-    const long now = total(api);
-    if (now == seen) continue;
-    long fresh = now - seen;
-    if (fresh < 0 || fresh > 1024) {
-      // Either the region was rebuilt or more was posted than the queue
-      // holds; say so rather than pretend the output is complete.
-      if (fresh > 1024) std::printf("... %ld lines missed ...\n", fresh - 1024);
-      fresh = fresh < 0 ? 0 : 1024;
-    }
-    for (const std::string &l : newest(api, static_cast<int>(fresh))) std::printf("%s\n", l.c_str());
-    std::fflush(stdout);
+    unsigned now = seen;
+    const int got = api->QDMCopyMessages(&seen, buf.data(), kLogLines, &now);
+    const long fresh = static_cast<int32_t>(now - seen);
     seen = now;
+    // A count that went back means the region was rebuilt: nothing to
+    // show. More posts than lines copied: say so rather than pretend the
+    // output is complete.
+    if (fresh <= 0) continue;
+    if (fresh > got) std::printf("... %ld lines missed ...\n", fresh - got);
+    print_lines(buf, got);
   }
 }
 
@@ -84,9 +79,10 @@ int cmd_log(int argc, char **argv) {
   }
   const tool::Api *api = tool::load();
   if (api == nullptr) return kExitNotFound;
-  for (const std::string &l : newest(api, static_cast<int>(n))) std::printf("%s\n", l.c_str());
-  std::fflush(stdout);
-  return follow_on ? follow(api) : kExitOk;
+  std::vector<char> buf(static_cast<size_t>(n > 0 ? n : 1) * QDM_MESSAGE_BYTES);
+  unsigned seen = 0;
+  print_lines(buf, api->QDMCopyMessages(nullptr, buf.data(), static_cast<int>(n), &seen));
+  return follow_on ? follow(api, seen) : kExitOk;
 }
 
 int cmd_post(int argc, char **argv) {

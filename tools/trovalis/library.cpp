@@ -2,9 +2,11 @@
 #include "library.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -31,12 +33,15 @@ std::string own_directory() {
 
 bool g_verbose = false;
 
-// What the library writes on stderr while it attaches is caught in a
-// temporary file and passed on afterwards, without the attach line unless
-// the user asked for it. A failed attach ends the process inside dlopen;
-// the exit handler passes the report on then.
+// What the library writes on stderr while it attaches is caught in a pipe
+// and passed on afterwards, without the attach line unless the user asked
+// for it. A failed attach ends the process inside dlopen; the exit handler
+// passes the report on then. A pipe rather than a temporary file: making
+// and dropping a file costs a fresh process a good part of what the attach
+// costs. Both ends are non-blocking, so that should the library ever write
+// more than a pipe holds, the rest is lost rather than the tool stopped.
 struct StderrCatch {
-  std::FILE *file = nullptr;
+  int read_fd = -1;
   int saved = -1;
 };
 StderrCatch g_catch;
@@ -44,32 +49,48 @@ StderrCatch g_catch;
 void pass_on_caught() {
   if (g_catch.saved < 0) return;
   std::fflush(stderr);
-  dup2(g_catch.saved, STDERR_FILENO);
+  dup2(g_catch.saved, STDERR_FILENO);  // closes the pipe's last write end
   close(g_catch.saved);
   g_catch.saved = -1;
-  std::rewind(g_catch.file);
-  char line[1024];
-  while (std::fgets(line, sizeof line, g_catch.file) != nullptr) {
-    if (!g_verbose && std::strncmp(line, "Opened Memory is '", 18) == 0) continue;
-    std::fputs(line, stderr);
+  std::string text;
+  char buf[4096];
+  for (;;) {
+    const ssize_t n = read(g_catch.read_fd, buf, sizeof buf);
+    if (n > 0) text.append(buf, static_cast<size_t>(n));
+    else if (!(n < 0 && errno == EINTR)) break;
   }
-  std::fclose(g_catch.file);
-  g_catch.file = nullptr;
+  close(g_catch.read_fd);
+  g_catch.read_fd = -1;
+  for (size_t start = 0; start < text.size();) {
+    size_t end = text.find('\n', start);
+    end = end == std::string::npos ? text.size() : end + 1;
+    const char *line = text.data() + start;
+    if (g_verbose || text.compare(start, 18, "Opened Memory is '") != 0)
+      std::fwrite(line, 1, end - start, stderr);
+    start = end;
+  }
 }
 
 void catch_stderr() {
-  g_catch.file = std::tmpfile();
-  if (g_catch.file == nullptr) return;  // nothing caught: the line shows
+  int fds[2];
+  if (pipe(fds) != 0) return;  // nothing caught: the line shows
+  for (const int fd : fds) {
+    fcntl(fd, F_SETFD, FD_CLOEXEC);
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+  }
   std::fflush(stderr);
   g_catch.saved = dup(STDERR_FILENO);
-  if (g_catch.saved < 0 || dup2(fileno(g_catch.file), STDERR_FILENO) < 0) {
+  if (g_catch.saved < 0 || dup2(fds[1], STDERR_FILENO) < 0) {
     if (g_catch.saved >= 0) close(g_catch.saved);
     g_catch.saved = -1;
-    std::fclose(g_catch.file);
-    g_catch.file = nullptr;
+    close(fds[0]);
+    close(fds[1]);
     return;
   }
-  std::atexit(pass_on_caught);
+  close(fds[1]);
+  g_catch.read_fd = fds[0];
+  static bool registered = false;
+  if (!registered) registered = std::atexit(pass_on_caught) == 0;
 }
 
 template <class F>
@@ -102,8 +123,7 @@ const Api *load() {
                  dir.c_str(), dir.c_str(), errors.c_str());
     return nullptr;
   }
-  bool ok = resolve(handle, "QDMGetMessages", api.QDMGetMessages);
-  ok = resolve(handle, "QDMMsgInfo", api.QDMMsgInfo) && ok;
+  bool ok = resolve(handle, "QDMCopyMessages", api.QDMCopyMessages);
   ok = resolve(handle, "QDMMessage", api.QDMMessage) && ok;
   ok = resolve(handle, "QDMReady", api.QDMReady) && ok;
   ok = resolve(handle, "_QDMSearch", api.QDMSearch) && ok;

@@ -9,8 +9,7 @@ namespace tool {
 
 // The library's exports the tool calls, resolved by load().
 struct Api {
-  int (*QDMGetMessages)(char **, int);
-  int *(*QDMMsgInfo)(void);
+  int (*QDMCopyMessages)(const unsigned *, char *, int, unsigned *);
   int (*QDMMessage)(const char *, const char *, int);
   int (*QDMReady)(const char *);
   char *(*QDMSearch)(const char *, const char *, int);  // _QDMSearch
