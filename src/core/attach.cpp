@@ -390,9 +390,10 @@ bool attach() {
     repair_pending_region();
     // ls-R files and configuration rewritten since the last reset (by
     // TeX Live's tools, say) are taken in now, once, while later
-    // processes wait for the lock.
+    // processes wait for the lock. A region of another layout is never
+    // written (it is refused below).
     const char *changed = nullptr;
-    if (stamps_changed(&changed)) {
+    if (hdr(Word::Version) == kLayoutVersion && stamps_changed(&changed)) {
       message("INFO: Resetting, changed since the last reset: ", changed);
       QDMReset();
     }
