@@ -7,11 +7,13 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "config/stamps.h"
 #include "core/failed_reads.h"
+#include "platform/platform.h"
 #include "profile/profile_text.h"
 
 extern "C" {
@@ -123,21 +125,19 @@ void fill_index(INIF *f, int32_t heads) {
   f->Sections = k;
 }
 
-// The name to use for `name`: a bare name (no separator) with HOME set is
-// built in `out` inside the per-user profile directory, lowered, and that
+// The name to use for `name`: a bare name (no separator) is, when there is a
+// per-user folder,
+// built in `out` inside the per-user folder, lowered, and that
 // directory is made when missing; any other name is the caller's own string.
 // Null when the built name would not fit `out`; a name cut short would
 // designate some other file, so it is refused instead.
 char *resolve_name(char *name, char (&out)[kResolvedNameBytes]) {
   if (name == nullptr) return nullptr;
-  const char *home = std::getenv("HOME");
-  if (std::strpbrk(name, "\\/") != nullptr || home == nullptr) return adjust_filename(name);
+  const char *folder = platform::user_config_folder();
+  if (std::strpbrk(name, "\\/") != nullptr || folder[0] == '\0') return adjust_filename(name);
 
-  const size_t home_len = std::strlen(home);
-  const size_t dir_len = home_len + sizeof kProfileSubdir - 1;
-  if (dir_len + 1 + std::strlen(name) >= sizeof out) return nullptr;
-  std::memcpy(out, home, home_len);
-  std::memcpy(out + home_len, kProfileSubdir, sizeof kProfileSubdir);
+  const int dir_len = std::snprintf(out, sizeof out, "%s%s", folder, kProfileSubdir);
+  if (dir_len < 0 || static_cast<size_t>(dir_len) + 1 + std::strlen(name) >= sizeof out) return nullptr;
   if (access(out, F_OK) != 0) MkDirs(out);  // its failure shows when the file is used
   char *p = out + dir_len;
   *p++ = '/';

@@ -32,9 +32,10 @@ inline constexpr char kCantOpenMessage[] = "WARNING: Out of memory or can't open
 // Reported, with the file name, when a body cannot be made large enough.
 inline constexpr char kNoBodyMessage[] = "ERROR: Failed reallocating for: ";
 
-// Bare names are built as HOME "/Library/Zelvan TeX/" name in this many bytes.
+// Bare names are built in the per-user folder (~/Library/Zelvan TeX on
+// macOS, ~/.config/Zelvan TeX on Linux) in this many bytes.
 inline constexpr size_t kResolvedNameBytes = 260;
-inline constexpr char kProfileSubdir[] = "/Library/Zelvan TeX";
+inline constexpr char kProfileSubdir[] = "/Zelvan TeX";
 
 // Turns every '\' of `name` into '/', in place; null stays null.
 char *adjust_filename(char *name);

@@ -130,6 +130,7 @@ std::vector<std::string> Sandbox::env(const std::map<std::string, std::string> &
   }
   vars.erase("APPDATA");
   vars.erase("USERPROFILE");
+  vars.erase("XDG_CONFIG_HOME");
   vars["HOME"] = home_;
   vars["TROVALIS_INSTANCE"] = instance_;
   for (const auto &[k, v] : extra) vars[k] = v;
@@ -277,7 +278,8 @@ AttachedTest::AttachedTest(const std::string &ini_text)
       home_("HOME", box.home().c_str()),
       instance_("TROVALIS_INSTANCE", box.instance().c_str()),
       appdata_("APPDATA", nullptr),
-      userprofile_("USERPROFILE", nullptr) {
+      userprofile_("USERPROFILE", nullptr),
+      xdg_("XDG_CONFIG_HOME", nullptr) {
   if (!attach_region(box)) throw std::runtime_error("attach failed");
 }
 

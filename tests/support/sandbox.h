@@ -36,8 +36,8 @@ class Sandbox {
   std::string lock_name() const;
   std::string download_lock_name() const;
 
-  // Environment for child processes: HOME, TROVALIS_INSTANCE, and APPDATA /
-  // USERPROFILE removed, plus `extra`.
+  // Environment for child processes: HOME, TROVALIS_INSTANCE, and APPDATA,
+  // USERPROFILE and XDG_CONFIG_HOME removed, plus `extra`.
   std::vector<std::string> env(const std::map<std::string, std::string> &extra = {}) const;
 
  private:
@@ -105,7 +105,7 @@ class AttachedTest {
   Sandbox box;
 
  private:
-  ScopedEnv home_, instance_, appdata_, userprofile_;
+  ScopedEnv home_, instance_, appdata_, userprofile_, xdg_;
 };
 
 std::string read_file(const std::string &path);

@@ -32,7 +32,7 @@ constexpr char kMainIni[] =
     "[tex]\nTREE=$SELFAUTOPARENT/plain\nLatexTex=tex\nTexCommon=tex\n[memory]\nMem=memory\n"
     "[QDM]\ntfm=$TEXMF/fonts/tfm//+.tfm*mktextfm\nstar=/a*b\nplus=/a+\n"
     "macros=$TREE/tex;./rel;$TEXMF/missing+.tex.ltx\n";
-constexpr char kUserIni[] = "home/Library/Zelvan TeX/TEXMF.INI";
+constexpr char kUserIni[] = "home/.config/Zelvan TeX/TEXMF.INI";
 
 // HOME, the files and the log are the sandbox's. The process keeps its copy
 // of every INI file it touched, so each text gets a file of its own.
@@ -168,7 +168,7 @@ TEST_F(ConfigTest, ProfileWritesChangeOnlyTheEditedLine) {
 // a name too long for it is refused. Other names are found without case, and
 // '\' is rewritten in the caller's own buffer.
 TEST_F(ConfigTest, ProfileFileNames) {
-  const std::string dir = env.box.home() + "/Library/Zelvan TeX";
+  const std::string dir = env.box.home() + "/.config/Zelvan TeX";
   std::filesystem::remove_all(dir);
   EXPECT_EQ(get("s", "k", "Absent.ini"), "<def>");
   EXPECT_EQ(newest(), Strings{"QDM-prog: WARNING: absent INI-file: " + dir + "/absent.ini"});
@@ -264,7 +264,7 @@ TEST_F(ConfigTest, RegistryKeysAndValues) {
   EXPECT_EQ(RegCloseKey(a), 1);
   EXPECT_EQ(RegCreateKeyA(b, "Inner", &c), 0);
   EXPECT_EQ(RegSetValueExA(c, "V", 0, 1, "x", 1), 0);  // under an opened key: no root name
-  EXPECT_EQ(read_file(env.box.home() + "/Library/Zelvan TeX/reg.ini"),
+  EXPECT_EQ(read_file(env.box.home() + "/.config/Zelvan TeX/reg.ini"),
             "[HKEY_CURRENT_USER\\Software\\Test]\nDefault=\n[HKEY_CLASSES_ROOT\\]\nDefault=1\n"
             "[HKEY_LOCAL_MACHINE\\Soft\\P]\nDefault=on\n[Inner]\nV=x\n");
   std::memset(Key_List, 0, sizeof Key_List);
@@ -306,12 +306,13 @@ TEST(ConfigModeration, OnlyListedVariablesComeFromTheEnvironment) {
   EXPECT_STREQ(QDMVar("MYTEXMF"), "/env/source");
 }
 
-// The section directory follows the common table (18 + 2852 bytes), the
-// folder's text and the SELFAUTOPARENT entry (14 + 12).
+// After the stamp word (4 bytes) at the mark: the root list (18), the
+// common table (2852), the folder's text, the SELFAUTOPARENT entry (14 + 12)
+// and the section directory.
 TEST_F(ConfigTest, ResetRebuildsTheStartingPointsAtFixedOffsets) {
   const int mark = hdr(Word::Mem_Mark), resets = hdr(Word::Reset_Count);
   const int folder = static_cast<int>(env.box.root().size());
-  const std::tuple expected{mark, mark + 18, mark + 18 + 2852 + folder + 1 + 26};
+  const std::tuple expected{mark + 4, mark + 4 + 18, mark + 4 + 18 + 2852 + folder + 1 + 26};
   EXPECT_EQ(std::tuple(hdr(Word::Root_LRU), hdr(Word::Common_Hash), SectDir), expected);
   EXPECT_STREQ(QDMValue("Common", "SELFAUTOPARENT"), env.box.root().c_str());
   const int total = QDMMsgInfo()[1];

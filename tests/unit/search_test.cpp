@@ -328,7 +328,7 @@ TEST_F(SearchTest, CacheReport) {
                 "%d bytes of memory.\n\tCache Shared Memory=`%s', Lock=`%s'.\n",
                 hdr(Word::Mem_Max), hdr(Word::Mem_Used), Map_Name, Cache_Lock);
   EXPECT_EQ(GetCapturedStdout(),
-            head + r("\tConfiguration files:\n\t\tCommon=`@/TEXMF.INI',\n\t\tLocal=`@/home/Library/Zelvan TeX/"
+            head + r("\tConfiguration files:\n\t\tCommon=`@/TEXMF.INI',\n\t\tLocal=`@/home/.config/Zelvan TeX/"
                      "TEXMF.INI'.\n\n\tDirectories with DB (ls-R) files:\n\t\t@/texmf/\n\n"
                      "1\ttex (program)\n1.1\t   tfm (file type)\n\t   Search Path:\n\t      @/texmf/fonts//\n"
                      "\t      @/disk\n\t   File Cache:\n1.1.1\t      cmr10.tfm -> @/texmf/fonts/tfm/cmr10.tfm\n"
