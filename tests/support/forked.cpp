@@ -1,5 +1,8 @@
 // Test harness: forked copies of the test process with a channel each way.
+// Lines are shorter than PIPE_BUF, so each is written whole at once (or not
+// at all, to a reader that left).
 #include "support/forked.h"
+#include "support/sandbox.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -10,105 +13,57 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <utility>
 
 namespace trv::test {
+namespace {
+
+// One line from fd; "" at end of input or once timeout_ms (< 0: never) passed.
+std::string get(int fd, std::string *buffered, int timeout_ms) {
+  const long deadline = now_ms() + timeout_ms;
+  for (size_t nl; (nl = buffered->find('\n')) == std::string::npos;) {
+    pollfd p{fd, POLLIN, 0};
+    char chunk[256];
+    ssize_t n = poll(&p, 1, timeout_ms < 0 ? -1 : static_cast<int>(deadline > now_ms() ? deadline - now_ms() : 0));
+    if (n > 0 && (n = ::read(fd, chunk, sizeof chunk)) > 0) buffered->append(chunk, static_cast<size_t>(n));
+    else if (n == 0 || errno != EINTR) return "";
+  }
+  const std::string line = buffered->substr(0, buffered->find('\n'));
+  buffered->erase(0, line.size() + 1);
+  return line;
+}
+
+}  // namespace
 
 Forked::Forked(const std::function<int(Forked &)> &body) {
-  if (pipe2(to_parent_, O_CLOEXEC) != 0 || pipe2(to_child_, O_CLOEXEC) != 0) return;
+  if (!cloexec_pipe(up_) || !cloexec_pipe(down_)) return;
   std::fflush(nullptr);  // nothing buffered may be written twice
   pid_ = fork();
-  if (pid_ == 0) {
-    close(to_parent_[0]);
-    close(to_child_[1]);
-    to_parent_[0] = to_child_[1] = -1;
-    _exit(body(*this));
-  }
-  close(to_parent_[1]);
-  close(to_child_[0]);
-  to_parent_[1] = to_child_[0] = -1;
+  for (int *theirs : {pid_ == 0 ? &down_[1] : &down_[0], pid_ == 0 ? &up_[0] : &up_[1]})
+    close(std::exchange(*theirs, -1));
+  if (pid_ == 0) _exit(body(*this));
 }
 
 Forked::~Forked() {
-  if (pid_ > 0) kill_and_wait(SIGKILL);
-  for (int fd : {to_parent_[0], to_parent_[1], to_child_[0], to_child_[1]})
-    if (fd >= 0) close(fd);
+  kill_and_wait(SIGKILL);
+  for (int fd : {up_[0], up_[1], down_[0], down_[1]}) close(fd);
 }
 
-void Forked::say(const std::string &line) {
-  const std::string text = line + "\n";
-  size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t n = ::write(to_parent_[1], text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return;
-    done += static_cast<size_t>(n);
-  }
-}
-
-std::string Forked::hear() { return line_from(to_child_[0], &from_parent_, -1); }
-
-std::string Forked::read_line(int timeout_ms) {
-  return line_from(to_parent_[0], &from_child_, timeout_ms);
-}
-
-void Forked::tell(const std::string &line) {
-  const std::string text = line + "\n";
-  if (::write(to_child_[1], text.data(), text.size()) < 0) return;
-}
-
-std::string Forked::line_from(int fd, std::string *buffered, int timeout_ms) {
-  const long deadline = now_ms() + timeout_ms;
-  for (;;) {
-    const size_t nl = buffered->find('\n');
-    if (nl != std::string::npos) {
-      std::string line = buffered->substr(0, nl);
-      buffered->erase(0, nl + 1);
-      return line;
-    }
-    const long left = timeout_ms < 0 ? -1 : deadline - now_ms();
-    if (timeout_ms >= 0 && left <= 0) return "";
-    pollfd p{fd, POLLIN, 0};
-    const int r = poll(&p, 1, static_cast<int>(left));
-    if (r < 0 && errno == EINTR) continue;
-    if (r <= 0) return "";
-    char buf[256];
-    const ssize_t n = ::read(fd, buf, sizeof buf);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return "";
-    buffered->append(buf, static_cast<size_t>(n));
-  }
-}
-
-void Forked::signal(int sig) {
-  if (pid_ > 0) ::kill(pid_, sig);
-}
-
+void Forked::say(const std::string &line) { (void)!::write(up_[1], (line + "\n").data(), line.size() + 1); }
+std::string Forked::hear() { return get(down_[0], &from_parent_, -1); }
+std::string Forked::read_line(int timeout_ms) { return get(up_[0], &from_child_, timeout_ms); }
+void Forked::tell(const std::string &line) { (void)!::write(down_[1], (line + "\n").data(), line.size() + 1); }
 int Forked::kill_and_wait(int sig) {
-  if (pid_ <= 0) return -1;
-  ::kill(pid_, sig);
-  ::kill(pid_, SIGCONT);  // a stopped child would not die of SIGTERM
-  return wait();
-}
-
-int Forked::wait() {
-  if (pid_ <= 0) return -1;
+  const pid_t pid = std::exchange(pid_, -1);
   int st = 0;
-  while (waitpid(pid_, &st, 0) < 0) {
-    if (errno != EINTR) {
-      pid_ = -1;
-      return -1;
-    }
-  }
-  pid_ = -1;
-  if (WIFEXITED(st)) return WEXITSTATUS(st);
-  if (WIFSIGNALED(st)) return 128 + WTERMSIG(st);
-  return -1;
+  if (pid <= 0 || (sig > 0 && ::kill(pid, sig) != 0) || ::kill(pid, SIGCONT) != 0 || waitpid(pid, &st, 0) != pid)
+    return -1;  // SIGCONT: a stopped child would not die of SIGTERM
+  return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
 }
 
 long now_ms() {
-  return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                               std::chrono::steady_clock::now().time_since_epoch())
-                               .count());
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
 }  // namespace trv::test

@@ -1,7 +1,6 @@
 // Test harness: copies of the test process made by fork, each running one
-// function, with a line-based channel both ways. For tests of processes
-// that share a lock or a region: a child inherits the attachment and the
-// lock handles, as a host's forked child would.
+// function, with a line-based channel both ways. A child inherits the
+// attachment and the lock handles, as a host's forked child would.
 #pragma once
 
 #include <sys/types.h>
@@ -13,32 +12,28 @@ namespace trv::test {
 
 class Forked {
  public:
-  // Runs `body` in a child; its result is the child's exit status. The
-  // child ends with _exit, so nothing of the test framework runs there.
+  // Runs `body` in a child that ends with _exit(body's result), so nothing
+  // of the test framework runs there.
   explicit Forked(const std::function<int(Forked &)> &body);
   ~Forked();  // kills and reaps a child that is still there
   Forked(const Forked &) = delete;
   Forked &operator=(const Forked &) = delete;
 
-  // Child side.
+  // Child side. hear() blocks; "" when the parent went away.
   void say(const std::string &line);
-  std::string hear();  // blocks; "" when the parent went away
+  std::string hear();
 
   // Parent side. read_line gives "" after timeout_ms or at end of output.
   std::string read_line(int timeout_ms = 10000);
   void tell(const std::string &line);
-  void signal(int sig);
-  // Sends sig and reaps the child, so that it is gone (not a zombie).
-  // Returns the exit status, or 128 + signal.
+  // Sends sig (none when 0) and reaps the child; its exit status, or 128 +
+  // the signal that ended it; -1 when there is none (any more).
   int kill_and_wait(int sig);
-  int wait();
   pid_t pid() const { return pid_; }
 
  private:
-  static std::string line_from(int fd, std::string *buffered, int timeout_ms);
   pid_t pid_ = -1;
-  int to_parent_[2] = {-1, -1};
-  int to_child_[2] = {-1, -1};
+  int up_[2] = {-1, -1}, down_[2] = {-1, -1};
   std::string from_child_, from_parent_;
 };
 
