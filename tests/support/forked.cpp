@@ -5,35 +5,15 @@
 #include "support/sandbox.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <utility>
 
 namespace trv::test {
-namespace {
-
-// One line from fd; "" at end of input or once timeout_ms (< 0: never) passed.
-std::string get(int fd, std::string *buffered, int timeout_ms) {
-  const long deadline = now_ms() + timeout_ms;
-  for (size_t nl; (nl = buffered->find('\n')) == std::string::npos;) {
-    pollfd p{fd, POLLIN, 0};
-    char chunk[256];
-    ssize_t n = poll(&p, 1, timeout_ms < 0 ? -1 : static_cast<int>(deadline > now_ms() ? deadline - now_ms() : 0));
-    if (n > 0 && (n = ::read(fd, chunk, sizeof chunk)) > 0) buffered->append(chunk, static_cast<size_t>(n));
-    else if (n == 0 || errno != EINTR) return "";
-  }
-  const std::string line = buffered->substr(0, buffered->find('\n'));
-  buffered->erase(0, line.size() + 1);
-  return line;
-}
-
-}  // namespace
 
 Forked::Forked(const std::function<int(Forked &)> &body) {
   if (!cloexec_pipe(up_) || !cloexec_pipe(down_)) return;
@@ -50,8 +30,8 @@ Forked::~Forked() {
 }
 
 void Forked::say(const std::string &line) { (void)!::write(up_[1], (line + "\n").data(), line.size() + 1); }
-std::string Forked::hear() { return get(down_[0], &from_parent_, -1); }
-std::string Forked::read_line(int timeout_ms) { return get(up_[0], &from_child_, timeout_ms); }
+std::string Forked::hear() { return read_line_from(down_[0], &from_parent_, -1); }
+std::string Forked::read_line(int timeout_ms) { return read_line_from(up_[0], &from_child_, timeout_ms); }
 void Forked::tell(const std::string &line) { (void)!::write(down_[1], (line + "\n").data(), line.size() + 1); }
 int Forked::kill_and_wait(int sig) {
   const pid_t pid = std::exchange(pid_, -1);
@@ -59,11 +39,6 @@ int Forked::kill_and_wait(int sig) {
   if (pid <= 0 || (sig > 0 && ::kill(pid, sig) != 0) || ::kill(pid, SIGCONT) != 0 || waitpid(pid, &st, 0) != pid)
     return -1;  // SIGCONT: a stopped child would not die of SIGTERM
   return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-}
-
-long now_ms() {
-  using namespace std::chrono;
-  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
 }  // namespace trv::test

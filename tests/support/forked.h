@@ -8,6 +8,8 @@
 #include <functional>
 #include <string>
 
+#include "support/sandbox.h"
+
 namespace trv::test {
 
 class Forked {
@@ -38,6 +40,4 @@ class Forked {
 };
 
 // Milliseconds on the monotonic clock since an arbitrary start.
-long now_ms();
-
 }  // namespace trv::test

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -212,29 +213,28 @@ Child::~Child() {
   if (out_fd_ >= 0) close(out_fd_);
 }
 
-std::string Child::read_line() {
-  for (;;) {
-    const size_t nl = buffered_.find('\n');
-    if (nl != std::string::npos) {
-      std::string line = buffered_.substr(0, nl);
-      buffered_.erase(0, nl + 1);
-      return line;
-    }
-    // A line that never comes fails the test in seconds, not at ctest's
-    // time limit.
-    pollfd p = {out_fd_, POLLIN, 0};
-    const int ready = poll(&p, 1, 10000);
-    if (ready < 0 && errno == EINTR) continue;
-    char buf[256];
-    const ssize_t n = ready > 0 ? read(out_fd_, buf, sizeof buf) : 0;
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      std::string rest;
-      rest.swap(buffered_);
-      return rest;
-    }
-    buffered_.append(buf, static_cast<size_t>(n));
+std::string Child::read_line() { return read_line_from(out_fd_, &buffered_, 10000); }
+
+std::string read_line_from(int fd, std::string *buffered, int timeout_ms) {
+  const long deadline = now_ms() + timeout_ms;
+  for (size_t nl; (nl = buffered->find('\n')) == std::string::npos;) {
+    pollfd p{fd, POLLIN, 0};
+    char chunk[256];
+    const long left = deadline > now_ms() ? deadline - now_ms() : 0;
+    ssize_t n = poll(&p, 1, timeout_ms < 0 ? -1 : static_cast<int>(left));
+    if (n > 0 && (n = ::read(fd, chunk, sizeof chunk)) > 0)
+      buffered->append(chunk, static_cast<size_t>(n));
+    else if (n == 0 || errno != EINTR)
+      return "";
   }
+  const std::string line = buffered->substr(0, buffered->find('\n'));
+  buffered->erase(0, line.size() + 1);
+  return line;
+}
+
+long now_ms() {
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
 int Child::kill_and_wait(int sig) {

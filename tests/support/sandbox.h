@@ -47,6 +47,12 @@ class Sandbox {
 // pipe() with both ends close-on-exec (macOS has no pipe2).
 bool cloexec_pipe(int fds[2]);
 
+// One line from fd (without the LF), what follows it kept in *buffered;
+// "" at end of input or once timeout_ms (< 0: never) passed.
+std::string read_line_from(int fd, std::string *buffered, int timeout_ms);
+// Milliseconds on the monotonic clock since an arbitrary start.
+long now_ms();
+
 // What a finished child printed and how it ended.
 struct RunResult {
   int status = -1;     // exit status, or 128 + signal
@@ -62,8 +68,7 @@ class Child {
  public:
   Child(const std::vector<std::string> &argv, const std::vector<std::string> &env);
   ~Child();
-  // Reads one line of the child's standard output (without the LF); empty
-  // at end of output or after 10 s without a line.
+  // One line of the child's standard output, as read_line_from with 10 s.
   std::string read_line();
   // Sends `sig` and reaps the child, so that it no longer exists (a zombie
   // would still answer a liveness probe). Returns RunResult::status.
