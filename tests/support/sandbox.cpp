@@ -140,6 +140,12 @@ std::vector<std::string> Sandbox::env(const std::map<std::string, std::string> &
   return out;
 }
 
+int sem_value(sem_t *sem) {
+  if (sem_trywait(sem) != 0) return 0;
+  sem_post(sem);
+  return 1;
+}
+
 bool cloexec_pipe(int fds[2]) {
   if (pipe(fds) != 0) return false;
   for (int i = 0; i < 2; ++i) fcntl(fds[i], F_SETFD, FD_CLOEXEC);

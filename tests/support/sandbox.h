@@ -2,6 +2,7 @@
 // region instance, in-process attachment, and child processes.
 #pragma once
 
+#include <semaphore.h>
 #include <sys/types.h>
 
 #include <map>
@@ -43,6 +44,10 @@ class Sandbox {
  private:
   std::string root_, home_, instance_;
 };
+
+// A named semaphore's value, 1 free or 0 taken, found by taking it and
+// giving it back (macOS has no sem_getvalue for named semaphores).
+int sem_value(sem_t *sem);
 
 // pipe() with both ends close-on-exec (macOS has no pipe2).
 bool cloexec_pipe(int fds[2]);
