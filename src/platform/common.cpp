@@ -1,4 +1,6 @@
 // Platform services shared by the POSIX systems we run on.
+#include <sys/stat.h>
+
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -73,5 +75,21 @@ int sem_wait_for(sem_t *sem, long ms) {
   }
 }
 #endif
+
+FileStamp file_stamp(const char *path) {
+  FileStamp s;
+  struct stat st {};
+  if (stat(path, &st) != 0) return s;
+#ifdef __APPLE__
+  const timespec &mtime = st.st_mtimespec;
+#else
+  const timespec &mtime = st.st_mtim;
+#endif
+  s.size = st.st_size;
+  s.mtime_sec = mtime.tv_sec;
+  s.mtime_nsec = static_cast<int32_t>(mtime.tv_nsec);
+  s.inode = static_cast<int64_t>(st.st_ino);
+  return s;
+}
 
 }  // namespace trv::platform

@@ -52,17 +52,6 @@ bool semaphore_file_ok(const char *name, const char **why) {
   return true;
 }
 
-FileStamp file_stamp(const char *path) {
-  FileStamp s;
-  struct stat st {};
-  if (stat(path, &st) != 0) return s;
-  s.size = st.st_size;
-  s.mtime_sec = st.st_mtim.tv_sec;
-  s.mtime_nsec = static_cast<int32_t>(st.st_mtim.tv_nsec);
-  s.inode = static_cast<int64_t>(st.st_ino);
-  return s;
-}
-
 // The XDG base directory rule: a relative $XDG_CONFIG_HOME is ignored.
 const char *user_config_folder() {
   static char folder[PATH_MAX];

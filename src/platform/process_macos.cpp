@@ -32,17 +32,6 @@ bool semaphore_known_free(sem_t *) { return false; }
 // macOS keeps named semaphores in the kernel; there is no file to check.
 bool semaphore_file_ok(const char *, const char **) { return true; }
 
-FileStamp file_stamp(const char *path) {
-  FileStamp s;
-  struct stat st {};
-  if (stat(path, &st) != 0) return s;
-  s.size = st.st_size;
-  s.mtime_sec = st.st_mtimespec.tv_sec;
-  s.mtime_nsec = static_cast<int32_t>(st.st_mtimespec.tv_nsec);
-  s.inode = static_cast<int64_t>(st.st_ino);
-  return s;
-}
-
 // The system's own place for application support data.
 const char *user_config_folder() { return GetSystemFolder(26); }
 
