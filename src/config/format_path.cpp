@@ -99,7 +99,7 @@ extern "C" char *FormatPath(const char *program, const char *type) {
   if (record < 0) return nullptr;
   std::memset(at(record, kRecordBytes), 0, kRecordBytes);
   lru_insert(table, type, record);
-  const int answers = lru_create(type);
+  const int answers = lru_create_indexed(type);
   set_word(record, kAnswers, answers > 0 ? answers : 0);
   const FailedReadWatch reads;
   build_record(record, type);

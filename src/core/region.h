@@ -15,7 +15,7 @@
 
 namespace trv {
 
-inline constexpr int32_t kLayoutVersion = 9;
+inline constexpr int32_t kLayoutVersion = 10;
 inline constexpr int32_t kHeaderBytes = 128;
 inline constexpr int32_t kDefaultMapSize = 8000000;
 // Mem_Max = Map_Size - 132: the data area in use, one word short of the end.
@@ -110,19 +110,38 @@ TRV_WORD_AT(Net_Index, 124);
 #undef TRV_WORD_AT
 
 // Entry record shared by hash tables, LRU lists and text lists:
-// next (4), value (4), key text with NUL, then 3 unused bytes.
+// next (4), value (4), key text with NUL; nothing after the key.
 struct EntryLayout {
   static constexpr int32_t kNext = 0;
   static constexpr int32_t kValue = 4;
   static constexpr int32_t kKey = 8;
-  static constexpr int32_t kOverhead = 12;  // reserved beyond the key length
+  static constexpr int32_t kOverhead = 9;  // reserved beyond the key length
 };
-// LRU list head: first (4), count (4), name text with NUL.
+// An entry of an indexed LRU list carries two more words in front of it,
+// so that every reader of plain entries reads it unchanged: the next entry
+// in its index bucket, and the entry before it in the list (0 for the
+// first). Both are relative to the entry's own offset.
+struct IndexedEntryLayout {
+  static constexpr int32_t kChain = -8;
+  static constexpr int32_t kPrev = -4;
+  static constexpr int32_t kPrefix = 8;
+};
+// LRU list head: first (4), count (4), index (4, 0 for a list without
+// one), name text with NUL.
 struct LruHeadLayout {
   static constexpr int32_t kFirst = 0;
   static constexpr int32_t kCount = 4;
-  static constexpr int32_t kName = 8;
-  static constexpr int32_t kOverhead = 12;
+  static constexpr int32_t kIndex = 8;
+  static constexpr int32_t kName = 12;
+  static constexpr int32_t kOverhead = 13;
+};
+// Index of an LRU list: bucket count (a power of two), entries indexed,
+// then the bucket heads.
+struct IndexLayout {
+  static constexpr int32_t kBuckets = 0;
+  static constexpr int32_t kCount = 4;
+  static constexpr int32_t kHeads = 8;
+  static constexpr int32_t kFirstBuckets = 16;
 };
 // Hash table: bucket count, then the bucket heads; 8 bytes of slack.
 struct HashLayout {

@@ -7,6 +7,7 @@
 
 #include "core/containers.h"
 #include "core/lock.h"
+#include "core/lru_index.h"
 #include "core/region.h"
 #include "trovalis.h"
 
@@ -148,8 +149,43 @@ class RegionWalk {
       if ((suffixes != 0 && !text(suffixes)) || (make != 0 && !text(make)))
         return fail("a format record's texts");
       return chain(path, "a search path list", [](int32_t) { return true; }) &&
-             lru(answers, [&](int32_t a) { return a == 0 || a == 1 || text(a); });
+             lru(answers, [&](int32_t a) { return a == 0 || a == 1 || text(a); }) &&
+             index_of(answers);
     });
+  }
+
+  // An answer cache's index: every entry of the list once, in the bucket
+  // its key hashes to, with the prefix words in the arena, and each entry's
+  // prev word naming the entry before it in the list.
+  bool index_of(int32_t list) {
+    const int32_t index = loadi(at(list, LruHeadLayout::kName) + LruHeadLayout::kIndex);
+    if (index == 0) return true;
+    constexpr const char *kBad = "an answer cache index";
+    if (!within(index, IndexLayout::kHeads, mark_, used_)) return fail(kBad);
+    const int64_t n = loadi(at(index, IndexLayout::kHeads));
+    if (n <= 0 || (n & (n - 1)) != 0 || !within(index, IndexLayout::kHeads + 4 * n, mark_, used_))
+      return fail(kBad);
+    const int64_t count = loadi(at(index, IndexLayout::kHeads) + IndexLayout::kCount);
+    const auto prefixed = [&](int32_t e) {
+      return within(static_cast<int64_t>(e) + IndexedEntryLayout::kChain, IndexedEntryLayout::kPrefix,
+                    mark_, used_) && entry(e);
+    };
+    int64_t in_buckets = 0;
+    for (int64_t b = 0; b < n; ++b) {
+      for (int32_t e = loadi(at(index, IndexLayout::kHeads + 4 * b + 4) + IndexLayout::kHeads + 4 * b);
+           e != 0; e = indexed_chain(e)) {
+        if (--steps_ < 0 || ++in_buckets > count || !prefixed(e) ||
+            (index_hash(entry_key(e)) & static_cast<uint32_t>(n - 1)) != b)
+          return fail(kBad);
+      }
+    }
+    int64_t in_list = 0;
+    int32_t prev = 0;
+    for (int32_t e = loadi(at(list, LruHeadLayout::kName)); e != 0; prev = e, e = entry_next(e)) {
+      if (--steps_ < 0 || !prefixed(e) || indexed_prev(e) != prev) return fail(kBad);
+      ++in_list;
+    }
+    return in_buckets == count && in_list == count ? true : fail(kBad);
   }
 
   // Texts packed from Pool_Low up to the empty text at Mem_Max - 1, read
