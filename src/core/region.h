@@ -229,6 +229,11 @@ const char *text_at(int32_t off);
 // -1 for a pointer outside it.
 int32_t offset_of(const void *p);
 
+// Requests the arena has refused in this process: a caller that builds
+// several objects compares it before and after to know whether all of them
+// fit.
+uint32_t arena_refusals();
+
 // Upper bound for walks along links: no list can hold more entries than the
 // data area has room for, so a longer walk has met a cycle.
 int64_t max_walk();

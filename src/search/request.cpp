@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "config/format_path.h"
 #include "core/containers.h"
 #include "core/failed_reads.h"
 #include "core/lock.h"
@@ -48,14 +49,7 @@ char g_quoted[kQuotedBuf];
 // What the search needs of a format record, copied out under the cache
 // lock: the search itself runs without it, and a reset in another process
 // may meanwhile roll the arena back and reuse the record's space.
-struct Record {
-  std::vector<std::string> path;
-  // A record may hold an empty suffix text ("+" with nothing after it),
-  // which is not the same as none: a name without '.' is then not found.
-  bool has_suffixes = false;
-  std::string suffixes;
-  std::string make;
-};
+using Record = FormatParts;
 
 // The text at a record word into `to`; false (and `to` empty) for none.
 bool copy_text(std::string &to, int32_t offset) {
@@ -82,10 +76,15 @@ char *copy_cached(int32_t offset) {
 const char *program_key() { return ProgName[0] != '\0' ? ProgName : "QDM"; }
 
 // Fetches the record under the lock the caller holds and copies it out.
-// False when there is none.
+// With the arena too full to hold the record, the format is read into this
+// process's memory instead: the search goes on, it only caches nothing.
 bool fetch(const char *type, Record &rec) {
   const char *record = FormatPath(program_key(), type);
-  if (record == nullptr) return false;
+  if (record == nullptr) {
+    if (!region_mapped()) return false;
+    read_format(type, rec);
+    return true;
+  }
   const FormatWords w = read_record(record);
   rec.path.clear();
   const uint32_t damage = damage_seen();
@@ -97,7 +96,7 @@ bool fetch(const char *type, Record &rec) {
   // entries; searching them all could take hours. It is taken as empty.
   if (damage_seen() != damage) rec.path.clear();
   rec.has_suffixes = copy_text(rec.suffixes, w.suffixes);
-  copy_text(rec.make, w.make);
+  rec.has_make = copy_text(rec.make, w.make);
   return true;
 }
 
@@ -196,9 +195,10 @@ char *search(const char *type, const char *name, int origin) {
   {
     CacheGuard guard;
     repair_damage();
+    // No record (a full arena) means nothing cached: the search runs.
     const char *record = FormatPath(program_key(), type);
-    if (record == nullptr) return kNoFormat;
-    c = lru_lookup(read_record(record).answers, name);
+    const int32_t answers = read_record(record).answers;
+    c = answers > 0 ? lru_lookup(answers, name) : 0;
     if (c > 1) r = copy_cached(c);
     search_again = c == 0 || (c == 1 && ignore_miss) ||
                    (c > 1 && (r == nullptr || (net_marker(r) && download > 0)));
