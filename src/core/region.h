@@ -18,6 +18,9 @@ namespace trv {
 inline constexpr int32_t kLayoutVersion = 10;
 inline constexpr int32_t kHeaderBytes = 128;
 inline constexpr int32_t kDefaultMapSize = 8000000;
+// The Version word of a region that a larger one has replaced: processes
+// that still map it move to the object the name now leads to.
+inline constexpr int32_t kReplacedVersion = -1;
 // Mem_Max = Map_Size - 132: the data area in use, one word short of the end.
 inline constexpr int32_t kMemMaxSlack = 132;
 

@@ -24,7 +24,6 @@ struct Noted {
   int32_t resets = 0;  // Reset_Count when the damage was met
   uint32_t count = 0;
 } g_noted;
-bool g_partial_view = false;
 const char *g_last = "";
 
 Finding fixed(const char *what) { return {Fault::Recreate, what}; }
@@ -298,15 +297,13 @@ const char *last_damage() { return g_last; }
 
 void forget_damage() { g_damage_pending = false; }
 
-void set_partial_view(bool partial) { g_partial_view = partial; }
-
 void repair_noted_damage() {
   if (!g_damage_pending) return;
   // Only the outermost holder of the lock may rebuild: a caller further out
   // may still hold offsets into what the rebuild discards.
   if (Lock != nullptr && Lock->count > 1) return;
   g_damage_pending = false;
-  if (!region_mapped() || g_partial_view || hdr(Word::Version) != kLayoutVersion) return;
+  if (!region_mapped() || hdr(Word::Version) != kLayoutVersion) return;
   // Another process met the same damage first and rebuilt the region.
   if (hdr(Word::Reset_Count) != g_noted.resets) return;
 

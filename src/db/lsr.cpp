@@ -1,5 +1,6 @@
 // Loading the ls-R databases, the alias files beside them and the network
 // index into the shared region at each configuration reset.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <new>
 
 #include "config/stamps.h"
+#include "core/attach.h"
 #include "core/containers.h"
 #include "core/failed_reads.h"
 #include "core/region.h"
@@ -228,6 +230,23 @@ class Appender {
   std::unique_ptr<int32_t[]> tails_;
 };
 
+// Bytes of the ls-R and alias files along the type ls-R's search path.
+int64_t load_bytes(int32_t path) {
+  int64_t total = 0;
+  char file[kLongPath];
+  walk_chain(path, [&](int32_t e) {
+    const char *text = entry_key(e);
+    const char *d = text + (text[0] == '!' && text[1] == '!' ? 2 : 0);
+    for (const char *leaf : {"ls-R", "aliases", "aliases.ini"}) {
+      struct stat st {};
+      if (join(file, sizeof file, d, leaf) && stat(file, &st) == 0 && S_ISREG(st.st_mode))
+        total += st.st_size;
+    }
+    return true;
+  });
+  return total;
+}
+
 }  // namespace
 
 int ignore_dir_p(const char *line) {
@@ -378,6 +397,9 @@ extern "C" void init_db(void) {
 
   int32_t table = 0;
   const int32_t path = ls_r_path();
+  // Files that would not fit are not loaded here: the reset asks for a
+  // larger region and loads them there.
+  if (path > 0 && !region_fits(load_bytes(path))) return;
   if (path < 0) {
     message("ERROR: There is no path type: ", "ls-R");
   } else {

@@ -3,7 +3,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <string>
+#include <vector>
+
+#include <memory>
 
 #include "core/lock.h"
 #include "core/region.h"
@@ -46,6 +54,61 @@ TEST(FullRegion, SearchesWithoutCaching) {
   EXPECT_EQ(g_log, "") << "answered from the cache";
   QDMSetMessageTap(nullptr);
   EXPECT_EQ(check_region().fault, Fault::None) << check_region().what;
+}
+
+off_t object_size(const std::string &name) {
+  struct stat st {};
+  const int fd = shm_open(name.c_str(), O_RDONLY, 0);
+  const bool ok = fd >= 0 && fstat(fd, &st) == 0;
+  if (fd >= 0) close(fd);
+  return ok ? st.st_size : -1;
+}
+
+// Processes that search without pause while the trees grow twice past what
+// the region holds: each growth replaces the region by a larger object, and
+// the searching processes move to it at their next take of the lock. Every
+// answer of the first two is found (a process reading unmapped memory would
+// die). The third also asks for "hidden", which is on disk but in no ls-R:
+// never found, since the old region, reset without its databases before
+// the replacement, would have sent the search to the disk. The message log
+// comes along.
+TEST(RegionReplacement, UnderSearchingProcesses) {
+  test::Sandbox box("[QDM]\nls-R=$SELFAUTOPARENT/texmf\ntfm=$SELFAUTOPARENT/texmf//+.tfm\n");
+  const std::string host = box.install_host();
+  for (const char *f : {"texmf/fonts/cmr10.tfm", "texmf/fonts/cmbx10.tfm", "texmf/fonts/hidden.tfm"}) box.write(f, "x");
+  const auto grow_tree = [&](int names) {
+    std::string lsr = "./fonts:\ncmr10.tfm\ncmbx10.tfm\n./many:\n";
+    for (int i = 0; i < names; ++i) lsr += "f" + std::to_string(i) + ".tfm\n";
+    box.write("texmf/ls-R", lsr);
+  };
+  grow_tree(0);
+  ASSERT_EQ(test::run({host, "post", "kept", "1", "search", "tfm", "cmr10"}, box.env()).status, 0);
+  ASSERT_EQ(object_size(box.region_name()), 8000000);
+  std::vector<std::unique_ptr<test::Child>> hammers;
+  for (const char *second : {"cmbx10", "cmbx10", "hidden"})
+    hammers.push_back(std::make_unique<test::Child>(
+        std::vector<std::string>{host, "hammer", "4", "tfm", "cmr10", second}, box.env()));
+  off_t sizes[2] = {};
+  for (const int names : {400000, 1200000}) {
+    usleep(500000);
+    grow_tree(names);
+    // The next process to attach notices the new ls-R and resets.
+    EXPECT_EQ(test::run({host, "search", "tfm", "cmbx10"}, box.env()).status, 0);
+    sizes[names > 400000] = object_size(box.region_name());
+  }
+  EXPECT_GT(sizes[0], 8000000);
+  EXPECT_GT(sizes[1], sizes[0]);
+  for (auto &h : hammers) {
+    const std::string line = h->read_line();
+    long rounds = 0, found = 0;
+    ASSERT_EQ(std::sscanf(line.c_str(), "rounds=%ld found=%ld", &rounds, &found), 2) << line;
+    EXPECT_GT(rounds, 0);
+    EXPECT_EQ(found, (&h != &hammers.back() ? 4 : 2) * rounds) << line;
+    EXPECT_EQ(h->wait(), 0);
+  }
+  const test::RunResult after = test::run({host, "messages", "1024"}, box.env());
+  EXPECT_THAT(after.out, ::testing::HasSubstr("kept"));
+  EXPECT_THAT(after.out, ::testing::HasSubstr("INFO: The shared memory was replaced by a larger one of "));
 }
 
 }  // namespace
