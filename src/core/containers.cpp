@@ -320,7 +320,7 @@ namespace trv {
 int32_t lru_create_indexed(const char *name) {
   const int32_t list = lru_create(name);
   if (list <= 0) return list;
-  const int32_t index = index_create(IndexLayout::kFirstBuckets);
+  const int32_t index = index_create(IndexLayout::kFirstSlots);
   if (index > 0) storei(at(list, LruHeadLayout::kName) + LruHeadLayout::kIndex, index);
   return list;
 }

@@ -3,22 +3,23 @@
 // of 20.
 //
 // The list itself is unchanged: its order, its trace lines and every
-// reader that walks it. The index only finds the entry; the entry's two
-// prefix words (IndexedEntryLayout) chain it in its bucket and name the
-// entry before it, so that moving it to the front needs no walk.
+// reader that walks it. The index only finds the entry: an open-addressed
+// table of (hash, entry) pairs, so that a look-up of a name not cached
+// reads the table alone. The entry's prefix word (IndexedEntryLayout)
+// names the entry before it, so that moving it to the front needs no walk.
 #pragma once
 
 #include <cstdint>
 
 namespace trv {
 
-// Bucket hash of a key, without regard to ASCII case (FNV-1a over the
-// upper-cased bytes); a table of n buckets uses its low bits.
+// Hash of a key, without regard to ASCII case (FNV-1a over the upper-cased
+// bytes); a table of n slots starts probing at its low bits.
 uint32_t index_hash(const char *key);
 
-// A new, empty index of `buckets` buckets (a power of two); -1 when the
-// arena is full.
-int32_t index_create(int32_t buckets);
+// A new, empty index of `slots` slots (a power of two); -1 when the arena
+// is full.
+int32_t index_create(int32_t slots);
 
 // The entry that look-ups find for `key`: among the entries with that key,
 // the newest, which is also the first in the list's order (an older one
@@ -28,14 +29,14 @@ int32_t index_create(int32_t buckets);
 int32_t index_find(int32_t index, const char *key);
 
 // Enters the new entry `entry`, just put in front of the list `list`, into
-// the list's index, and doubles the index when it holds more entries than
-// buckets. A full arena leaves the old index in use, only fuller.
+// the list's index (in place of an older entry with its key), and doubles
+// the index when it is more than half full. A full arena leaves the old
+// index in use, only fuller.
 void index_add(int32_t list, int32_t entry);
 
-// The prefix words of an indexed entry; 0 / nothing for an offset that has
-// no room for them.
+// The prefix word of an indexed entry; 0 / nothing for an offset that has
+// no room for it.
 int32_t indexed_prev(int32_t entry);
 void indexed_set_prev(int32_t entry, int32_t prev);
-int32_t indexed_chain(int32_t entry);
 
 }  // namespace trv

@@ -120,14 +120,12 @@ struct EntryLayout {
   static constexpr int32_t kKey = 8;
   static constexpr int32_t kOverhead = 9;  // reserved beyond the key length
 };
-// An entry of an indexed LRU list carries two more words in front of it,
-// so that every reader of plain entries reads it unchanged: the next entry
-// in its index bucket, and the entry before it in the list (0 for the
-// first). Both are relative to the entry's own offset.
+// An entry of an indexed LRU list carries one more word in front of it, so
+// that every reader of plain entries reads it unchanged: the entry before
+// it in the list (0 for the first), relative to the entry's own offset.
 struct IndexedEntryLayout {
-  static constexpr int32_t kChain = -8;
   static constexpr int32_t kPrev = -4;
-  static constexpr int32_t kPrefix = 8;
+  static constexpr int32_t kPrefix = 4;
 };
 // LRU list head: first (4), count (4), index (4, 0 for a list without
 // one), name text with NUL.
@@ -138,13 +136,13 @@ struct LruHeadLayout {
   static constexpr int32_t kName = 12;
   static constexpr int32_t kOverhead = 13;
 };
-// Index of an LRU list: bucket count (a power of two), entries indexed,
-// then the bucket heads.
+// Index of an LRU list: slot count (a power of two), slots in use, then
+// the slots, each a key's hash and its entry (0: free), linearly probed.
 struct IndexLayout {
-  static constexpr int32_t kBuckets = 0;
   static constexpr int32_t kCount = 4;
-  static constexpr int32_t kHeads = 8;
-  static constexpr int32_t kFirstBuckets = 16;
+  static constexpr int32_t kSlots = 8;
+  static constexpr int32_t kSlotBytes = 8;
+  static constexpr int32_t kFirstSlots = 32;
 };
 // Hash table: bucket count, then the bucket heads; 8 bytes of slack.
 struct HashLayout {

@@ -153,38 +153,38 @@ class RegionWalk {
     });
   }
 
-  // An answer cache's index: every entry of the list once, in the bucket
-  // its key hashes to, with the prefix words in the arena, and each entry's
-  // prev word naming the entry before it in the list.
+  // An answer cache's index: a power of two of slots, one at least free,
+  // as many used as counted, each used one naming an entry of the arena with its
+  // prefix word above the mark and the hash of its key; and each entry of
+  // the list with the prefix word naming the entry before it.
   bool index_of(int32_t list) {
     const int32_t index = loadi(at(list, LruHeadLayout::kName) + LruHeadLayout::kIndex);
     if (index == 0) return true;
     constexpr const char *kBad = "an answer cache index";
-    if (!within(index, IndexLayout::kHeads, mark_, used_)) return fail(kBad);
-    const int64_t n = loadi(at(index, IndexLayout::kHeads));
-    if (n <= 0 || (n & (n - 1)) != 0 || !within(index, IndexLayout::kHeads + 4 * n, mark_, used_))
+    if (!within(index, IndexLayout::kSlots, mark_, used_)) return fail(kBad);
+    const int64_t n = loadi(at(index, IndexLayout::kSlots));
+    if (n <= 0 || (n & (n - 1)) != 0 ||
+        !within(index, IndexLayout::kSlots + IndexLayout::kSlotBytes * n, mark_, used_))
       return fail(kBad);
-    const int64_t count = loadi(at(index, IndexLayout::kHeads) + IndexLayout::kCount);
+    const int64_t count = loadi(at(index, IndexLayout::kSlots) + IndexLayout::kCount);
     const auto prefixed = [&](int32_t e) {
-      return within(static_cast<int64_t>(e) + IndexedEntryLayout::kChain, IndexedEntryLayout::kPrefix,
+      return within(static_cast<int64_t>(e) + IndexedEntryLayout::kPrev, IndexedEntryLayout::kPrefix,
                     mark_, used_) && entry(e);
     };
-    int64_t in_buckets = 0;
-    for (int64_t b = 0; b < n; ++b) {
-      for (int32_t e = loadi(at(index, IndexLayout::kHeads + 4 * b + 4) + IndexLayout::kHeads + 4 * b);
-           e != 0; e = indexed_chain(e)) {
-        if (--steps_ < 0 || ++in_buckets > count || !prefixed(e) ||
-            (index_hash(entry_key(e)) & static_cast<uint32_t>(n - 1)) != b)
-          return fail(kBad);
-      }
+    int64_t in_use = 0;
+    for (int64_t i = 0; i < n; ++i) {
+      const char *s = at(static_cast<int32_t>(index + IndexLayout::kSlots + IndexLayout::kSlotBytes * i),
+                         IndexLayout::kSlotBytes);
+      const int32_t e = loadi(s + 4);
+      if (e == 0) continue;
+      if (--steps_ < 0 || !prefixed(e) || index_hash(entry_key(e)) != load32(s)) return fail(kBad);
+      ++in_use;
     }
-    int64_t in_list = 0;
+    if (in_use != count || count >= n) return fail(kBad);
     int32_t prev = 0;
-    for (int32_t e = loadi(at(list, LruHeadLayout::kName)); e != 0; prev = e, e = entry_next(e)) {
+    for (int32_t e = loadi(at(list, LruHeadLayout::kName)); e != 0; prev = e, e = entry_next(e))
       if (--steps_ < 0 || !prefixed(e) || indexed_prev(e) != prev) return fail(kBad);
-      ++in_list;
-    }
-    return in_buckets == count && in_list == count ? true : fail(kBad);
+    return true;
   }
 
   // Texts packed from Pool_Low up to the empty text at Mem_Max - 1, read

@@ -33,7 +33,7 @@ TEST(AnswerIndex, AgreesWithTheListAlone) {
       {Insert, "a", 13},      // "a" is first: changed in place
       {Insert, "b", 14},      // "b" is second: a new entry in front hides the old one
       {Lookup, "B", 0}, {Forget, "a", 0}, {Lookup, "A", 0}, {Insert, "", 2}, {Lookup, "", 0}};
-  // Enough names to double the index from 16 buckets to 256, looked up
+  // Enough names to double the index from 32 slots to 512, looked up
   // from the back of the list, and some forgotten.
   for (int i = 0; i < 200; ++i) steps.push_back({Insert, "n" + std::to_string(i), 100 + i});
   for (int i = 0; i < 200; i += 7) steps.push_back({i % 3 ? Lookup : Forget, "N" + std::to_string(i), 0});
@@ -48,7 +48,7 @@ TEST(AnswerIndex, AgreesWithTheListAlone) {
     ASSERT_EQ(listing(indexed), listing(plain)) << s.key;
   }
   const int32_t index = loadi(at(indexed, LruHeadLayout::kName) + LruHeadLayout::kIndex);
-  EXPECT_EQ(loadi(at(index, 8)), 256);
+  EXPECT_EQ(loadi(at(index, 8)), 512);
   EXPECT_EQ(loadi(at(plain, 8) + 4), loadi(at(indexed, 8) + 4));  // entries ever added
 
   // A damaged prev word is noticed; the look-up walks the list instead and
