@@ -86,12 +86,17 @@ bool fetch(const char *type, Record &rec) {
     return true;
   }
   const FormatWords w = read_record(record);
-  rec.path.clear();
+  // Assigned over the strings of the previous search, which keep their
+  // memory: a batch of searches then allocates nothing here.
+  size_t n = 0;
   const uint32_t damage = damage_seen();
   walk_chain(w.search_path, [&](int32_t e) {
-    rec.path.emplace_back(entry_key(e));
+    if (n < rec.path.size()) rec.path[n].assign(entry_key(e));
+    else rec.path.emplace_back(entry_key(e));
+    ++n;
     return true;
   });
+  rec.path.resize(n);
   // A damaged list may name any directories, as many as the arena holds
   // entries; searching them all could take hours. It is taken as empty.
   if (damage_seen() != damage) rec.path.clear();
@@ -188,7 +193,20 @@ char *search(const char *type, const char *name, int origin) {
   // An outcome that rests on a file this process could not read is its
   // own: it is answered but not cached, nor is a download marker.
   const FailedReadWatch reads;
-  Record rec;
+  // One record serves every search of the process; a search started
+  // inside another (from a make command's host, say) has its own.
+  static Record shared;
+  static bool shared_busy = false;
+  Record own;
+  Record &rec = shared_busy ? own : shared;
+  const bool owner = !shared_busy;
+  shared_busy = true;
+  struct Release {
+    bool owner;
+    ~Release() {
+      if (owner) shared_busy = false;
+    }
+  } release{owner};
   char *r = nullptr;
   bool search_again;
   int32_t c;
