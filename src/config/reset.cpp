@@ -91,5 +91,6 @@ extern "C" int QDMReset(void) {
     grow_region(wish);
     reset_once();
   }
+  region_refusals_met();
   return 0;
 }

@@ -44,6 +44,7 @@ int64_t g_create_size = kDefaultMapSize;
 bool g_size_fixed = false;
 int64_t g_wish = 0;  // bytes a reset asked for (region_fits)
 bool g_growth_failed = false;  // a larger object could not be made: load what fits
+uint32_t g_refusals_met = 0;   // arena refusals this process has acted on
 
 // Mappings this process left for a newer region. They stay mapped until the
 // process detaches: a pointer handed out before (INIFile, a pool text, an
@@ -446,7 +447,7 @@ void unmap_retired() {
 // that the name now leads to (every reader of the region holds the lock,
 // so none is in the middle of a walk), and keeps the old mapping, so that
 // nothing it handed out becomes unmapped memory.
-void follow_replacement(QDMLock *) {
+void follow_replacement() {
   if (!region_mapped() || hdr(Word::Version) != kReplacedVersion) return;
   const Mapping old = g_map;
   const int old_fd = hMap;
@@ -457,6 +458,25 @@ void follow_replacement(QDMLock *) {
   retire(old, old_fd);
   if (!settle_region()) return;
   adopt_region();
+}
+
+// A request the arena refused outside a reset (a search's answer, a value)
+// was served without caching. At this process's next take of the lock, where
+// it holds no offset, the region is replaced by one of twice the size and
+// the configuration reset in it: every process's cached answers go, and the
+// cache fills again with room to spare. Not with TROVALIS_MAP_SIZE set.
+void grow_when_full() {
+  const uint32_t refusals = arena_refusals();
+  if (refusals == g_refusals_met) return;
+  g_refusals_met = refusals;
+  if (g_size_fixed || g_growth_failed || !region_mapped() || hdr(Word::Version) != kLayoutVersion)
+    return;
+  if (grow_region(std::min<int64_t>(2 * g_map.length, kMaxMapSize))) QDMReset();
+}
+
+void after_cache_take(QDMLock *) {
+  follow_replacement();
+  grow_when_full();
 }
 
 bool attach() {
@@ -476,7 +496,7 @@ bool attach() {
   // that takes the lock over repairs it (after mapping it, when that
   // happens in this very wait).
   Lock->after_takeover = cache_lock_taken_over;
-  Lock->after_take = follow_replacement;
+  Lock->after_take = after_cache_take;
   WaitForSingleObject(Lock, -1);
 
   if (!open_region(g_create_size, true)) {
@@ -563,6 +583,8 @@ bool region_fits(int64_t load) {
   g_wish = std::max(g_wish, region_bytes_for(load));
   return false;
 }
+
+void region_refusals_met() { g_refusals_met = arena_refusals(); }
 
 int64_t take_region_wish(bool arena_refused) {
   int64_t wish = g_wish;

@@ -31,5 +31,9 @@ int64_t take_region_wish(bool arena_refused);
 // the caller then runs a reset in it. False (the region unchanged) when it
 // cannot be made; region_fits() then lets this process load what fits.
 bool grow_region(int64_t bytes);
+// Called at the end of a reset: the arena's refusals so far were the reset's
+// own, dealt with by it. Any later one makes the process replace the region
+// by one of twice the size at its next outermost take of the cache lock.
+void region_refusals_met();
 
 }  // namespace trv

@@ -183,6 +183,7 @@ TEST(Attach, TooSmallSharedMemoryIsReported) {
 }
 
 struct RegionTest : ::testing::Test {
+  test::ScopedEnv fixed{"TROVALIS_MAP_SIZE", "8000000"};  // a full arena stays full
   test::AttachedTest attached{"[QDM]\nls-R=$SELFAUTOPARENT/texmf\ntfm=$SELFAUTOPARENT/texmf//+.tfm\n"};
 };
 

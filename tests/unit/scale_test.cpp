@@ -25,43 +25,48 @@ namespace {
 std::string g_log;
 void tap(const char *text) { g_log.append(text).append("|"); }
 
-// With no room left, a search is still answered (first from the database,
-// then from the disk) and caches nothing; a reset makes room and caching
-// resumes.
-TEST(FullRegion, SearchesWithoutCaching) {
-  test::AttachedTest env("[QDM]\nls-R=$SELFAUTOPARENT/texmf\ntfm=$SELFAUTOPARENT/texmf//;$SELFAUTOPARENT/disk+.tfm\n");
-  env.box.write("texmf/ls-R", "./fonts:\ncmr10.tfm\n");
-  env.box.write("texmf/fonts/cmr10.tfm", "x");
-  env.box.write("disk/a.tfm", "x");
-  { CacheGuard g; QDMReset(); }
-  QDMSetMessageTap(tap);
-  {
-    CacheGuard g;
-    salloc(hdr(Word::Pool_Low) - hdr(Word::Mem_Used) - 1);
-  }
-  const int used = hdr(Word::Mem_Used);
-  for (const char *name : {"cmr10", "a", "cmr10"}) {
-    g_log.clear();
-    const char *got = QDMSearch("tfm", name);
-    EXPECT_EQ(std::string(got ? got : "(null)"), env.box.path(name[0] == 'a' ? "disk/a.tfm" : "texmf/fonts/cmr10.tfm"));
-    EXPECT_THAT(g_log, ::testing::HasSubstr("ERROR: too few shared memmory, extend it.|"));
-  }
-  EXPECT_EQ(hdr(Word::Mem_Used), used);
-  { CacheGuard g; QDMReset(); }
-  QDMSearch("tfm", "a");
-  g_log.clear();
-  QDMSearch("tfm", "a");
-  EXPECT_EQ(g_log, "") << "answered from the cache";
-  QDMSetMessageTap(nullptr);
-  EXPECT_EQ(check_region().fault, Fault::None) << check_region().what;
-}
-
 off_t object_size(const std::string &name) {
   struct stat st {};
   const int fd = shm_open(name.c_str(), O_RDONLY, 0);
   const bool ok = fd >= 0 && fstat(fd, &st) == 0;
   if (fd >= 0) close(fd);
   return ok ? st.st_size : -1;
+}
+
+// With no room left, a search is still answered (from the database, then
+// from the disk), logs the exhaustion line and caches nothing. With the size
+// fixed the region stays full until a reset; otherwise the next search
+// replaces it by one of twice the size, and caching resumes.
+TEST(FullRegion, SearchesWithoutCaching) {
+  for (const bool fixed : {true, false}) {
+    test::ScopedEnv size("TROVALIS_MAP_SIZE", fixed ? "8000000" : nullptr);
+    test::AttachedTest env("[QDM]\nls-R=$SELFAUTOPARENT/texmf\ntfm=$SELFAUTOPARENT/texmf//;$SELFAUTOPARENT/disk+.tfm\n");
+    env.box.write("texmf/ls-R", "./fonts:\ncmr10.tfm\n");
+    env.box.write("texmf/fonts/cmr10.tfm", "x");
+    env.box.write("disk/a.tfm", "x");
+    { CacheGuard g; QDMReset(); }
+    QDMSetMessageTap(tap);
+    {
+      CacheGuard g;
+      salloc(hdr(Word::Pool_Low) - hdr(Word::Mem_Used) - 1);
+    }
+    const int used = hdr(Word::Mem_Used);
+    g_log.clear();
+    for (const char *name : {"cmr10", "a", "cmr10"}) {
+      const char *got = QDMSearch("tfm", name);
+      EXPECT_EQ(std::string(got ? got : "(null)"), env.box.path(name[0] == 'a' ? "disk/a.tfm" : "texmf/fonts/cmr10.tfm"));
+    }
+    EXPECT_THAT(g_log, ::testing::HasSubstr("ERROR: too few shared memmory, extend it.|"));
+    EXPECT_EQ(hdr(Word::Mem_Used) == used, fixed);
+    EXPECT_EQ(object_size(env.box.region_name()), fixed ? 8000000 : 16000000);
+    if (fixed) { CacheGuard g; QDMReset(); }
+    QDMSearch("tfm", "a");
+    g_log.clear();
+    QDMSearch("tfm", "a");
+    EXPECT_EQ(g_log, "") << "answered from the cache";
+    QDMSetMessageTap(nullptr);
+    EXPECT_EQ(check_region().fault, Fault::None) << check_region().what;
+  }
 }
 
 // Processes that search without pause while the trees grow twice past what
