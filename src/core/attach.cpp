@@ -577,8 +577,8 @@ int64_t region_bytes_for(int64_t load) {
 
 bool region_fits(int64_t load) {
   if (g_size_fixed || g_growth_failed || !region_mapped()) return true;
-  // What is in use, the load, and a megabyte for the first answers.
-  const int64_t need = hdr(Word::Mem_Used) + 2 * load + (1 << 20);
+  // What is in use, the load, and room for a batch of 20,000 answers.
+  const int64_t need = hdr(Word::Mem_Used) + 2 * load + (4 << 20);
   if (need < hdr(Word::Pool_Low) || g_map.length >= kMaxMapSize) return true;
   g_wish = std::max(g_wish, region_bytes_for(load));
   return false;

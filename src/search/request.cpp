@@ -190,6 +190,22 @@ char *search(const char *type, const char *name, int origin) {
   }
   trace("INFO: Getting file Type path: ", type);
 
+  // The format record found under the lock at the start. While no reset has
+  // run since (Reset_Count), its offset still holds it and the answer is
+  // stored there without looking the program and type up again; after one,
+  // the record is fetched anew. Call with the lock held.
+  int32_t record_at = -1;
+  uint32_t record_resets = 0;
+  // Almost no installation has mirrors: then a found file is not offered
+  // to them, which spares a take of the lock per search. A reset that adds
+  // mirrors meanwhile is like one that comes right after the offer.
+  bool no_mirrors = false;
+  const auto current_record = [&]() -> const char * {
+    if (record_at > 0 && static_cast<uint32_t>(hdr(Word::Reset_Count)) == record_resets)
+      return at(record_at, 16);
+    return FormatPath(program_key(), type);
+  };
+
   // An outcome that rests on a file this process could not read is its
   // own: it is answered but not cached, nor is a download marker.
   const FailedReadWatch reads;
@@ -215,6 +231,9 @@ char *search(const char *type, const char *name, int origin) {
     repair_damage();
     // No record (a full arena) means nothing cached: the search runs.
     const char *record = FormatPath(program_key(), type);
+    record_at = offset_of(record);
+    record_resets = static_cast<uint32_t>(hdr(Word::Reset_Count));
+    no_mirrors = hdr(Word::Mirror_List) == 0;
     const int32_t answers = read_record(record).answers;
     c = answers > 0 ? lru_lookup(answers, name) : 0;
     if (c > 1) r = copy_cached(c);
@@ -264,7 +283,7 @@ char *search(const char *type, const char *name, int origin) {
     if (net_marker(r)) {
       if (download >= -1 && !reads.failed()) {
         CacheGuard guard;
-        const FormatWords w = read_record(FormatPath(program_key(), type));
+        const FormatWords w = read_record(current_record());
         if (w.answers != 0) {
           const int32_t c = lru_lookup(w.answers, name);
           const char *cached = c > 1 ? text_at(c) : nullptr;
@@ -287,7 +306,7 @@ char *search(const char *type, const char *name, int origin) {
       }
     }
 
-    if (r != nullptr) Process_Mirror(r);
+    if (r != nullptr && !no_mirrors) Process_Mirror(r);
     if (may_make && r == nullptr && !rec.make.empty()) {
       auto_make(rec.make.c_str(), name, to_window);
       may_make = false;
@@ -299,7 +318,7 @@ char *search(const char *type, const char *name, int origin) {
 
   if (!reads.failed()) {
     CacheGuard guard;
-    const FormatWords w = read_record(FormatPath(program_key(), type));
+    const FormatWords w = read_record(current_record());
     if (w.answers != 0) {
       const int32_t c = lru_lookup(w.answers, name);
       if (c > 1) {
