@@ -105,6 +105,13 @@ bool fetch(const char *type, Record &rec) {
   return true;
 }
 
+// Which record the shared search record (see search) was copied from.
+struct Fetched {
+  const char *base = nullptr;  // the mapping it was read in
+  int32_t record = 0;
+  uint32_t resets = 0;
+} g_fetched;
+
 bool refetch(const char *type, Record &rec) {
   CacheGuard guard;
   return fetch(type, rec);
@@ -239,7 +246,16 @@ char *search(const char *type, const char *name, int origin) {
     if (c > 1) r = copy_cached(c);
     search_again = c == 0 || (c == 1 && ignore_miss) ||
                    (c > 1 && (r == nullptr || (net_marker(r) && download > 0)));
-    if (search_again && !fetch(type, rec)) return kNoFormat;
+    // The shared copy still holds this record when the previous search
+    // fetched it and no reset has run since: a batch of names of one type
+    // copies the search path once.
+    const bool fetched = owner && record_at > 0 && g_fetched.base == g_map.base &&
+                         g_fetched.record == record_at && g_fetched.resets == record_resets;
+    if (search_again && !fetched) {
+      g_fetched = {};
+      if (!fetch(type, rec)) return kNoFormat;
+      if (owner && record_at > 0) g_fetched = {g_map.base, record_at, record_resets};
+    }
   }
   trace("INFO: file Type path got.", "");
   if (!search_again) {
@@ -296,6 +312,7 @@ char *search(const char *type, const char *name, int origin) {
       if (download > 0) {
         auto_download(r);
         download = -2;
+        g_fetched = {};
         if (!refetch(type, rec)) return kNoFormat;
         continue;
       }
@@ -310,6 +327,7 @@ char *search(const char *type, const char *name, int origin) {
     if (may_make && r == nullptr && !rec.make.empty()) {
       auto_make(rec.make.c_str(), name, to_window);
       may_make = false;
+      g_fetched = {};
       if (!refetch(type, rec)) return kNoFormat;
       continue;
     }
