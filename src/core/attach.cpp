@@ -359,8 +359,10 @@ bool open_region(int64_t size, bool announce) {
   }
   hMap = fd;
   Ptr_trovalis = base;
+  static uint64_t serial = 0;
   g_map.base = base;
   g_map.length = length;
+  g_map.serial = ++serial;
   Map_Size = View_Len = static_cast<int>(length);
   Init = created || g_private ? 1 : 0;
   return true;

@@ -203,6 +203,9 @@ struct Off {
 struct Mapping {
   char *base = nullptr;   // Ptr_trovalis
   int64_t length = 0;     // bytes mapped
+  // Counts the mappings this process has made: what was read in one is
+  // not taken for what another holds, though the address may repeat.
+  uint64_t serial = 0;
 };
 extern Mapping g_map;
 

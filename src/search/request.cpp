@@ -107,7 +107,7 @@ bool fetch(const char *type, Record &rec) {
 
 // Which record the shared search record (see search) was copied from.
 struct Fetched {
-  const char *base = nullptr;  // the mapping it was read in
+  uint64_t mapping = 0;  // the mapping it was read in (Mapping::serial)
   int32_t record = 0;
   uint32_t resets = 0;
 } g_fetched;
@@ -203,12 +203,16 @@ char *search(const char *type, const char *name, int origin) {
   // the record is fetched anew. Call with the lock held.
   int32_t record_at = -1;
   uint32_t record_resets = 0;
+  uint64_t record_mapping = 0;  // the mapping record_at is an offset in
   // Almost no installation has mirrors: then a found file is not offered
   // to them, which spares a take of the lock per search. A reset that adds
   // mirrors meanwhile is like one that comes right after the offer.
   bool no_mirrors = false;
   const auto current_record = [&]() -> const char * {
-    if (record_at > 0 && static_cast<uint32_t>(hdr(Word::Reset_Count)) == record_resets)
+    // A region that replaced this one may hold any count: the mapping is
+    // compared too.
+    if (record_at > 0 && g_map.serial == record_mapping &&
+        static_cast<uint32_t>(hdr(Word::Reset_Count)) == record_resets)
       return at(record_at, 16);
     return FormatPath(program_key(), type);
   };
@@ -240,6 +244,7 @@ char *search(const char *type, const char *name, int origin) {
     const char *record = FormatPath(program_key(), type);
     record_at = offset_of(record);
     record_resets = static_cast<uint32_t>(hdr(Word::Reset_Count));
+    record_mapping = g_map.serial;
     no_mirrors = hdr(Word::Mirror_List) == 0;
     const int32_t answers = read_record(record).answers;
     c = answers > 0 ? lru_lookup(answers, name) : 0;
@@ -249,12 +254,12 @@ char *search(const char *type, const char *name, int origin) {
     // The shared copy still holds this record when the previous search
     // fetched it and no reset has run since: a batch of names of one type
     // copies the search path once.
-    const bool fetched = owner && record_at > 0 && g_fetched.base == g_map.base &&
+    const bool fetched = owner && record_at > 0 && g_fetched.mapping == g_map.serial &&
                          g_fetched.record == record_at && g_fetched.resets == record_resets;
     if (search_again && !fetched) {
       g_fetched = {};
       if (!fetch(type, rec)) return kNoFormat;
-      if (owner && record_at > 0) g_fetched = {g_map.base, record_at, record_resets};
+      if (owner && record_at > 0) g_fetched = {g_map.serial, record_at, record_resets};
     }
   }
   trace("INFO: file Type path got.", "");
