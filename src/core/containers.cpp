@@ -229,7 +229,13 @@ int lru_lookup(int list, const char *key) {
   const int32_t first = loadi(h + LruHeadLayout::kFirst);
   const int32_t index = loadi(h + LruHeadLayout::kIndex);
   int32_t prev = 0, found = -1;
-  if (index > 0) {
+  // The front entry first: a program asks the names it just asked again
+  // and again, and that entry is read anyway, while the index lies on
+  // pages of its own that a fresh process has not touched yet.
+  const char *first_key = index > 0 ? entry_key(first) : nullptr;
+  if (first_key != nullptr && strcasecmp(first_key, key) == 0) {
+    found = first;
+  } else if (index > 0) {
     found = index_find(index, key);
     // The entry before the one found must link to it; when it does not,
     // the prefix words are damaged and the list is walked instead.
