@@ -65,6 +65,20 @@ TEST(FullRegion, SearchesWithoutCaching) {
   }
 }
 
+// A tree without ls-R is walked once for a batch and then checked directory
+// by directory; a file or a directory that appears later is still found.
+TEST(WalkMemo, SeesWhatChanges) {
+  test::AttachedTest env("[QDM]\ntex=$SELFAUTOPARENT/disk//+.sty\n");
+  env.box.write("disk/a/b/old.sty", "x");
+  const timespec past[2] = {{time(nullptr) - 3600, 0}, {time(nullptr) - 3600, 0}};
+  for (const char *d : {"disk", "disk/a", "disk/a/b"}) utimensat(AT_FDCWD, env.box.path(d).c_str(), past, 0);
+  const auto ask = [&](const char *name) { const char *r = QDMSearch("*tex", name); return std::string(r ? r : ""); };
+  for (const char *name : {"none", "old", "none"}) EXPECT_EQ(ask(name), name[0] == 'o' ? env.box.path("disk/a/b/old.sty") : "");
+  env.box.write("disk/a/b/new.sty", "x");  // in a directory the walk knows
+  env.box.write("disk/a/c/newer.sty", "x");  // in a directory it does not
+  EXPECT_EQ(ask("new") + ask("newer"), env.box.path("disk/a/b/new.sty") + env.box.path("disk/a/c/newer.sty"));
+}
+
 // Processes that search without pause while the trees grow twice past what
 // the region holds: each growth replaces the region by a larger object, and
 // the searching processes move to it at their next take of the lock. Every
