@@ -341,7 +341,8 @@ Outcome default_search(const char *type, const Format &f, const std::vector<std:
   std::string hit;
   for (const std::string &n : names) {
     const char *r = g.t->search(type, n.c_str(), 0);
-    if (r == nullptr || r[0] == ':' || r[0] == '[') continue;
+    // ls-R lists directories among the files; kpathsea answers files only.
+    if (r == nullptr || r[0] == ':' || r[0] == '[' || !readable(r)) continue;
     const char *slash = std::strrchr(r, '/');
     const char *base = slash ? slash + 1 : r;
     if (std::strcmp(base, n.c_str()) != 0) {
