@@ -139,11 +139,17 @@ std::string render(const std::vector<std::string> &trees, const KpsePaths &kp) {
   out += "; 'trovalis mklsr TREE' to give one a database.\n\n";
   out += "[common]\nTEXMF={" + list + "}\n";
   if (!kp.common.empty()) out += "; Each type's path as kpathsea searches it (kpsewhich -show-path).\n";
-  for (const auto &[type, path] : kp.common) out += "kpse_" + type + "=" + path + "\n";
+  std::map<std::string, std::string> common = kp.common;
+  for (const auto &[program, paths] : kp.programs)
+    for (const auto &[type, path] : paths)
+      for (const Type &t : kTypes)
+        if (type == t.name && common.count(type) == 0)
+          common[type] = std::string(t.definition, std::strcspn(t.definition, "+"));
+  for (const auto &[type, path] : common) out += "kpse_" + type + "=" + path + "\n";
   out += "\n[QDM]\n";
   for (const Type &t : kTypes) {
     std::string definition = t.definition;
-    if (kp.common.count(t.name) > 0) {
+    if (common.count(t.name) > 0) {
       const char *suffixes = std::strchr(t.definition, '+');
       definition = "$kpse_" + std::string(t.name) + (suffixes ? suffixes : "");
     }

@@ -161,6 +161,11 @@ bool kpse_paths(const std::map<std::string, std::string> &formats, KpsePaths &ou
   kpsewhich("--help-formats", help);
   const std::map<std::string, std::string> common_raw = raw_paths(help);
   for (const auto &[type, format] : formats) {
+    // Without an engine kpathsea finds no format file (web2c/$engine); the
+    // type keeps its own path for programs without a section, and each
+    // engine gets kpathsea's.
+    const auto raw = common_raw.find(format);
+    if (raw != common_raw.end() && raw->second.find("$engine") != std::string::npos) continue;
     if (kpsewhich("-show-path=" + quoted(format), text)) {
       const std::string value = compress(text, all_trees, out.trees);
       if (value.size() <= kValueMax) out.common[type] = value;
@@ -173,13 +178,14 @@ bool kpse_paths(const std::map<std::string, std::string> &formats, KpsePaths &ou
     const std::map<std::string, std::string> raw = raw_paths(help);
     for (const auto &[type, format] : formats) {
       const auto r = raw.find(format), c = common_raw.find(format);
-      if (r == raw.end() || out.common.count(type) == 0) continue;
+      if (r == raw.end()) continue;
       const bool depends = r->second.find("$progname") != std::string::npos ||
                            r->second.find("$engine") != std::string::npos;
       if (!depends && c != common_raw.end() && c->second == r->second) continue;
       if (!kpsewhich(options + " -show-path=" + quoted(format), text)) continue;
       const std::string value = compress(text, all_trees, out.trees);
-      if (value != out.common[type] && value.size() <= kValueMax)
+      const auto c2 = out.common.find(type);
+      if ((c2 == out.common.end() || value != c2->second) && value.size() <= kValueMax)
         out.programs[p.name][type] = value;
     }
   }

@@ -11,7 +11,8 @@ namespace cli {
 struct KpsePaths {
   // kpathsea's trees ($TEXMF) that exist, in its order.
   std::vector<std::string> trees;
-  // Per file type: the path for programs without a section of their own.
+  // Per file type: the path for programs without a section of their own
+  // (missing for the types whose path names the engine: fmt, base, mem).
   std::map<std::string, std::string> common;
   // Per program: the types whose path differs for it.
   std::map<std::string, std::map<std::string, std::string>> programs;
