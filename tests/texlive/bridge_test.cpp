@@ -67,7 +67,7 @@ class Bridge : public ::testing::Test {
     for (const char *p : {"pdflatex", "bibtex", "tex", "dvips", "kpsewhich", "mktexlsr"})
       if (std::system(("command -v " + std::string(p) + " >/dev/null").c_str()) != 0) missing = p;
 #ifndef TROVALIS_TEST_BRIDGE
-    missing = "the kpathsea bridge (libkpathsea-dev)";
+    if (missing.empty()) missing = "the kpathsea bridge (libkpathsea-dev)";
 #else
     if (!missing.empty()) return;
     box = new test::Sandbox;
@@ -82,6 +82,9 @@ class Bridge : public ::testing::Test {
   }
   static void TearDownTestSuite() { delete box; }
   void SetUp() override {
+#ifdef TROVALIS_TEST_BRIDGE_SANITIZED
+    GTEST_SKIP() << "the bridge is not built with the sanitizers";
+#endif
     if (missing.empty()) return;
     if (std::getenv("TROVALIS_REQUIRE_TEXLIVE") != nullptr) FAIL() << missing << " is missing";
     GTEST_SKIP() << missing << " is missing (scripts/run-tests installs TeX Live)";
