@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <set>
 #include <string>
 
 namespace cli {
@@ -31,10 +32,16 @@ std::string quoted(const std::string &s) {
   return q + "'";
 }
 
+// "env -u VAR ..." for the variables that set a format's path from the
+// environment (TEXINPUTS, BIBINPUTS, ...), which kpsewhich lists in its
+// --help-formats: the configuration holds the paths from texmf.cnf, not
+// what this shell happens to set.
+std::string g_unset;
+
 // The output of a kpsewhich run; false when it did not run.
 bool kpsewhich(const std::string &args, std::string &out) {
   out.clear();
-  FILE *p = popen(("kpsewhich " + args + " 2>/dev/null").c_str(), "r");
+  FILE *p = popen((g_unset + "kpsewhich " + args + " 2>/dev/null").c_str(), "r");
   if (p == nullptr) return false;
   char buf[4096];
   for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
@@ -159,6 +166,15 @@ bool kpse_paths(const std::map<std::string, std::string> &formats, KpsePaths &ou
 
   std::string help;
   kpsewhich("--help-formats", help);
+  std::set<std::string> vars;
+  for (const std::string &line : split(help, '\n')) {
+    const size_t at = line.find("[variables: ");
+    if (at == std::string::npos) continue;
+    for (const std::string &v : split(line.substr(at + 12, line.find(']', at) - at - 12), ' '))
+      if (!v.empty() && v.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_") == std::string::npos)
+        vars.insert(v);
+  }
+  for (const std::string &v : vars) g_unset += (g_unset.empty() ? "env -u " : "-u ") + v + " ";
   const std::map<std::string, std::string> common_raw = raw_paths(help);
   for (const auto &[type, format] : formats) {
     // Without an engine kpathsea finds no format file (web2c/$engine); the
