@@ -179,10 +179,12 @@ bool readable(const std::string &path) {
 }
 
 // kpathsea's path elements with "!!" removed and a subtree written "dir//",
-// keeping those that exist; "." is reported apart.
-std::vector<std::string> normal_elements(const char *path, bool *dot_first, bool *dot_later) {
+// keeping those that exist; "." is reported apart. *foreign is set for what
+// trovalis's paths do not express: "." after the first element, and "//"
+// inside an element (every subdirectory at that point, "scripts//lua//").
+std::vector<std::string> normal_elements(const char *path, bool *dot_first, bool *foreign) {
   std::vector<std::string> out;
-  *dot_first = *dot_later = false;
+  *dot_first = *foreign = false;
   bool first = true;
   for (const char *p = path; p != nullptr;) {
     const char *colon = std::strchr(p, ':');
@@ -190,10 +192,11 @@ std::vector<std::string> normal_elements(const char *path, bool *dot_first, bool
     p = colon ? colon + 1 : nullptr;
     if (e.rfind("!!", 0) == 0) e.erase(0, 2);
     if (e == ".") {
-      (first ? *dot_first : *dot_later) = true;
+      (first ? *dot_first : *foreign) = true;
     } else if (!e.empty()) {
       const bool subtree = ends_with(e, "//");
       while (e.size() > 1 && e.back() == '/') e.pop_back();
+      if (e.find("//") != std::string::npos) *foreign = true;
       if (is_directory(e)) out.push_back(subtree ? e + "//" : e);
     }
     first = false;
@@ -258,9 +261,9 @@ void judge(kpathsea kpse, int format, Format &f) {
   } else {
     return;
   }
-  bool dot_later = false;
-  const std::vector<std::string> kp = normal_elements(default_path.c_str(), &f.dot_first, &dot_later);
-  if (dot_later || kp != trovalis_elements(type)) {
+  bool foreign = false;
+  const std::vector<std::string> kp = normal_elements(default_path.c_str(), &f.dot_first, &foreign);
+  if (foreign || kp != trovalis_elements(type)) {
     if (g.verify) {
       char line[160];
       std::snprintf(line, sizeof line, "kpathsea answers %s for %s: the paths differ", type,
