@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -176,23 +175,6 @@ TEST_F(Bridge, OutputsAreKpathseasUnderEveryConfiguration) {
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(test::read_file(box->path("trace")).find("/ls-R\""), std::string::npos);
   }
-}
-
-// The names the documents read, asked of kpsewhich with and without the
-// bridge (verify mode logs no disagreement either).
-TEST_F(Bridge, KpsewhichAnswersAlike) {
-  std::string names;
-  for (const char *fls : {"doc.fls", "plain.fls"}) {
-    std::istringstream in(reference[fls == std::string("doc.fls") ? "latex" : "plain"].files[fls]);
-    for (std::string line; std::getline(in, line);)
-      if (line.rfind("INPUT /", 0) == 0) names += " '" + line.substr(line.rfind('/') + 1) + "'";
-  }
-  const test::RunResult plain = sh("kpsewhich" + names, {});
-  const test::RunResult bridged =
-      sh("bin/trovalis run kpsewhich" + names, {{"TROVALIS_KPATHSEA", "verify"}});
-  EXPECT_GT(plain.out.size(), 1000u);
-  EXPECT_EQ(bridged.out, plain.out);
-  EXPECT_EQ(log().find("kpathsea disagrees:"), std::string::npos) << log();
 }
 
 // A package that the distribution installs (its ls-R rewritten by
