@@ -18,8 +18,6 @@ void fuzz_ini(const uint8_t *data, size_t size);      // INI reader and writer
 void fuzz_lsr(const uint8_t *data, size_t size);      // ls-R reader
 void fuzz_alias(const uint8_t *data, size_t size);    // alias readers
 void fuzz_expand(const uint8_t *data, size_t size);   // var_expand
-void fuzz_braces(const uint8_t *data, size_t size);   // brace expansion
-void fuzz_match(const uint8_t *data, size_t size);    // database path matching
 void fuzz_qdmfind(const uint8_t *data, size_t size);  // front-end requests
 
 struct Target {
@@ -28,8 +26,7 @@ struct Target {
 };
 inline constexpr Target kTargets[] = {
     {"region", fuzz_region}, {"ini", fuzz_ini},       {"lsr", fuzz_lsr},
-    {"alias", fuzz_alias},   {"expand", fuzz_expand}, {"braces", fuzz_braces},
-    {"match", fuzz_match},   {"qdmfind", fuzz_qdmfind},
+    {"alias", fuzz_alias},   {"expand", fuzz_expand}, {"qdmfind", fuzz_qdmfind},
 };
 
 // A directory holding a small installation (TEXMF.INI, a texmf tree with

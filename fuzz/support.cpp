@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <vector>
 
 #include "core/lock.h"
@@ -55,9 +56,7 @@ struct State {
   test::AttachedTest attached{kIni};
   std::vector<char> image;
   int32_t used = 0;
-  char prog[sizeof ProgName] = "";
-  int trace = 0, make[2] = {}, download[2] = {}, wait = 0, common = 0, sectdir = 0;
-  char *ini = nullptr, *user_ini = nullptr;
+  std::optional<test::SavedModes> modes;
 };
 State *g_state = nullptr;
 
@@ -100,15 +99,7 @@ const std::string &scratch() {
     forget_damage();
     s.image.assign(Ptr_trovalis, Ptr_trovalis + View_Len);
     s.used = hdr(Word::Mem_Used);
-    std::memcpy(s.prog, ProgName, sizeof ProgName);
-    s.trace = Trace;
-    std::memcpy(s.make, MakeLocked, sizeof s.make);
-    std::memcpy(s.download, AutoDownload, sizeof s.download);
-    s.wait = WaitPassMessages;
-    s.ini = INIFile;
-    s.user_ini = Zelvan_INI;
-    s.common = Common;
-    s.sectdir = SectDir;
+    s.modes.emplace();
   }
   return g_state->attached.box.root();
 }
@@ -117,16 +108,8 @@ void restore(bool whole) {
   State &s = *g_state;
   const size_t bytes = whole ? s.image.size() : kHeaderBytes + static_cast<size_t>(s.used);
   std::memcpy(Ptr_trovalis, s.image.data(), bytes);
-  std::memcpy(ProgName, s.prog, sizeof ProgName);
-  Trace = s.trace;
+  s.modes->restore();
   Trace_LRU = Trace_XVAR = Trace_ALS = 0;
-  std::memcpy(MakeLocked, s.make, sizeof s.make);
-  std::memcpy(AutoDownload, s.download, sizeof s.download);
-  WaitPassMessages = s.wait;
-  INIFile = s.ini;
-  Zelvan_INI = s.user_ini;
-  Common = s.common;
-  SectDir = s.sectdir;
   forget_damage();
 }
 

@@ -2,14 +2,12 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <bitset>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "config/braces.h"
 #include "core/containers.h"
 #include "core/region.h"
 #include "core/validate.h"
@@ -249,56 +247,6 @@ void fuzz_expand(const uint8_t *data, size_t size) {
     FUZZ_CHECK(text == before);
   }
   check_sound();
-}
-
-// Brace expansion and the splitting of search paths. brace_expand gives at
-// least one alternative (the text itself when it has no "{"), all made of
-// the input's own characters; expand_braces gives a list with no ';' left
-// in any directory.
-void fuzz_braces(const uint8_t *data, size_t size) {
-  scratch();
-  const std::string text = upto_nul(bytes(data, size));
-  std::bitset<256> used;
-  for (unsigned char c : text) used.set(c);
-  char **all = brace_expand(text.c_str());
-  FUZZ_CHECK(all != nullptr && all[0] != nullptr);
-  if (text.find('{') == std::string::npos) FUZZ_CHECK(all[1] == nullptr && text == all[0]);
-  for (char **a = all; *a != nullptr; ++a)
-    for (const char *c = *a; *c; ++c) FUZZ_CHECK(used.test(static_cast<unsigned char>(*c)));
-  free_array(all);
-  std::string path = text;
-  char **dirs = expand_braces(path.data());
-  FUZZ_CHECK(dirs != nullptr);
-  for (char **d = dirs; *d != nullptr; ++d) {
-    FUZZ_CHECK(std::strchr(*d, ';') == nullptr || text.find_first_of("{}") != std::string::npos);
-    std::free(*d);
-  }
-  std::free(dirs);
-}
-
-// Matching database paths against search path elements: a path and an
-// element separated by a NUL. Neither the letter case of ASCII letters nor
-// which of "/" and "\" separates components may change the answer.
-void fuzz_match(const uint8_t *data, size_t size) {
-  const std::string in = bytes(data, size);
-  const size_t cut = in.find('\0');
-  const std::string path = in.substr(0, cut);
-  const std::string element = cut == std::string::npos ? "" : upto_nul(in.substr(cut + 1));
-  auto upper = [](std::string s) {
-    for (char &c : s) c = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
-    return s;
-  };
-  auto backslashed = [](std::string s) {
-    std::replace(s.begin(), s.end(), '/', '\\');
-    return s;
-  };
-  const int m = match(path.c_str(), element.c_str());
-  FUZZ_CHECK(m == 0 || m == 1);
-  FUZZ_CHECK(match(upper(path).c_str(), element.c_str()) == m);
-  FUZZ_CHECK(match(path.c_str(), backslashed(element).c_str()) == m);
-  const int covered = elt_in_db(path.c_str(), element.c_str());
-  FUZZ_CHECK(covered == 0 || covered == 1);
-  FUZZ_CHECK(elt_in_db(backslashed(upper(path)).c_str(), element.c_str()) == covered);
 }
 
 // Front-end requests, as a host passes them to QDMFind (up to the first

@@ -37,7 +37,10 @@ extern "C" {
 
 /* reason 1 attaches the process to the shared region, 2 detaches; the
  * load-time hook calls it with 1 and ends the process with status 1 when
- * that returns 0. Any other reason does nothing and returns 0. */
+ * that returns 0. Any other reason does nothing and returns 0. With
+ * TROVALIS_DEFER_ATTACH=1 in the environment while the library is loaded,
+ * the hook does not attach: the host calls this with 1 itself and decides
+ * what a failure means (the attach still reports on standard error). */
 TROVALIS_API int DllEntryPoint(void *module, int reason, void *reserved);
 
 /* ---- Per-process globals ------------------------------------------------ */

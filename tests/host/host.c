@@ -3,14 +3,8 @@
  *   info                     Init, program name, Mem_Mark, configuration files
  *   post TEXT TYPE           QDMMessage
  *   messages N               the newest N messages, newest first
- *   register NAME HANDLE     RegisterFrame
- *   find NAME                FindFrame
- *   list SIZE                FrameList into SIZE bytes
  *   search TYPE NAME         QDMSearch: "answer=PATH" or "answer=(null)"
  *   request REQUEST          QDMFind: "answer=TEXT"
- *   newfile PATH             QDMNewFile: "forgotten=N"
- *   trace                    Trace = 1 (this process only)
- *   ready                    prints "ready" and waits to be killed
  *   hammer SECONDS TYPE NAME...  for SECONDS, every reading export over and
  *                            over (searches of each NAME, queries, the log,
  *                            frames, values, the report); prints
@@ -94,30 +88,12 @@ int main(int argc, char **argv) {
       if (n > 1024) n = 1024;
       got = QDMGetMessages(texts, n);
       for (k = 0; k < got; ++k) printf("%s\n", texts[k]);
-    } else if (strcmp(cmd, "register") == 0 && i + 1 < argc) {
-      printf("registered=%d\n", RegisterFrame(argv[i], atoi(argv[i + 1])));
-      i += 2;
-    } else if (strcmp(cmd, "find") == 0 && i < argc) {
-      printf("found=%d\n", FindFrame(argv[i++]));
-    } else if (strcmp(cmd, "list") == 0 && i < argc) {
-      char buf[4096];
-      int size = atoi(argv[i++]), n;
-      const char *p;
-      if (size > (int)sizeof buf) size = (int)sizeof buf;
-      n = FrameList(buf, size);
-      printf("list=%d:", n);
-      for (p = buf; *p; p += strlen(p) + 1) printf(" %s", p);
-      printf("\n");
     } else if (strcmp(cmd, "search") == 0 && i + 1 < argc) {
       const char *r = QDMSearch(argv[i], argv[i + 1]);
       printf("answer=%s\n", r ? r : "(null)");
       i += 2;
     } else if (strcmp(cmd, "request") == 0 && i < argc) {
       printf("answer=%s\n", QDMFind(argv[i++]));
-    } else if (strcmp(cmd, "newfile") == 0 && i < argc) {
-      printf("forgotten=%d\n", QDMNewFile(argv[i++]));
-    } else if (strcmp(cmd, "trace") == 0) {
-      Trace = 1;
     } else if (strcmp(cmd, "hammer") == 0 && i + 2 < argc) {
       const double end = now() + atof(argv[i]);
       const char *type = argv[i + 1];
@@ -127,10 +103,6 @@ int main(int argc, char **argv) {
       while (now() < end) found += hammer_round((int)rounds++, type, names, count);
       printf("rounds=%ld found=%ld\n", rounds, found);
       i = argc;
-    } else if (strcmp(cmd, "ready") == 0) {
-      printf("ready\n");
-      fflush(stdout);
-      for (;;) pause();
     } else {
       fprintf(stderr, "host: bad command %s\n", cmd);
       return 2;

@@ -152,55 +152,27 @@ bool cloexec_pipe(int fds[2]) {
   return true;
 }
 
+// The child's standard streams are unlinked temporary files: nothing to
+// poll, and a grandchild that keeps one open cannot make the wait hang.
 RunResult run(const std::vector<std::string> &argv, const std::vector<std::string> &env,
               const std::string &input) {
-  int out[2], err[2], in[2];
-  // Close-on-exec, so that no child keeps another pipe's end (its own
-  // standard input's writer, say) open.
-  if (!cloexec_pipe(out) || !cloexec_pipe(err) || !cloexec_pipe(in)) return {};
-  const pid_t pid = spawn(argv, env, in[0], out[1], err[1]);
-  close(out[1]);
-  close(err[1]);
-  close(in[0]);
-  // Input is written while both outputs are read, so that a child that
-  // answers as it reads cannot block on a full pipe either way.
-  signal(SIGPIPE, SIG_IGN);
+  FILE *files[3] = {std::tmpfile(), std::tmpfile(), std::tmpfile()};  // in, out, err
   RunResult r;
-  size_t written = 0;
-  int in_fd = in[1];
-  if (input.empty()) {
-    close(in_fd);
-    in_fd = -1;
-  }
-  pollfd fds[3] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}, {in_fd, POLLOUT, 0}};
-  std::string *sinks[2] = {&r.out, &r.err};
-  while (fds[0].fd >= 0 || fds[1].fd >= 0) {
-    if (poll(fds, 3, -1) < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
+  if (files[0] && files[1] && files[2]) {
+    for (FILE *f : files) fcntl(fileno(f), F_SETFD, FD_CLOEXEC);
+    std::fwrite(input.data(), 1, input.size(), files[0]);
+    std::fflush(files[0]), std::rewind(files[0]);
+    const pid_t pid = spawn(argv, env, fileno(files[0]), fileno(files[1]), fileno(files[2]));
+    r.status = pid > 0 ? wait_for(pid) : -1;
+    std::string *sinks[] = {&r.out, &r.err};
     for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
+      std::rewind(files[i + 1]);
       char buf[4096];
-      const ssize_t n = read(fds[i].fd, buf, sizeof buf);
-      if (n > 0) {
-        sinks[i]->append(buf, static_cast<size_t>(n));
-      } else if (!(n < 0 && errno == EINTR)) {
-        close(fds[i].fd);
-        fds[i].fd = -1;
-      }
-    }
-    if (fds[2].fd >= 0 && fds[2].revents != 0) {
-      const ssize_t n = ::write(fds[2].fd, input.data() + written, input.size() - written);
-      if (n > 0) written += static_cast<size_t>(n);
-      if ((n < 0 && errno != EINTR) || written == input.size()) {
-        close(fds[2].fd);
-        fds[2].fd = -1;
-      }
+      for (size_t n; (n = std::fread(buf, 1, sizeof buf, files[i + 1])) > 0;) sinks[i]->append(buf, n);
     }
   }
-  if (fds[2].fd >= 0) close(fds[2].fd);
-  r.status = pid > 0 ? wait_for(pid) : -1;
+  for (FILE *f : files)
+    if (f) std::fclose(f);
   return r;
 }
 
@@ -298,22 +270,20 @@ std::string read_file(const std::string &path) {
   return ss.str();
 }
 
-SavedModes::SavedModes() {
+SavedModes::SavedModes()
+    : console_(ConsoleErr), wait_(WaitPassMessages), trace_(Trace), common_(Common), sectdir_(SectDir),
+      ini_(INIFile), user_ini_(Zelvan_INI) {
   std::memcpy(make_, MakeLocked, sizeof make_);
   std::memcpy(download_, AutoDownload, sizeof download_);
   std::memcpy(prog_, ProgName, sizeof prog_);
-  console_ = ConsoleErr;
-  wait_ = WaitPassMessages;
-  trace_ = Trace;
 }
 
-SavedModes::~SavedModes() {
+void SavedModes::restore() const {
   std::memcpy(MakeLocked, make_, sizeof make_);
   std::memcpy(AutoDownload, download_, sizeof download_);
   std::memcpy(ProgName, prog_, sizeof prog_);
-  ConsoleErr = console_;
-  WaitPassMessages = wait_;
-  Trace = trace_;
+  ConsoleErr = console_, WaitPassMessages = wait_, Trace = trace_;
+  Common = common_, SectDir = sectdir_, INIFile = ini_, Zelvan_INI = user_ini_;
 }
 
 }  // namespace trv::test

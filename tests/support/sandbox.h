@@ -121,18 +121,20 @@ class AttachedTest {
 std::string read_file(const std::string &path);
 
 // Puts this process's search and front-end modes back at the end of a
-// test: MakeLocked, AutoDownload, ConsoleErr, WaitPassMessages, Trace and
-// ProgName.
+// test (or at restore()): MakeLocked, AutoDownload, ConsoleErr,
+// WaitPassMessages, Trace, ProgName, the configuration files and the
+// common and section tables it uses.
 class SavedModes {
  public:
   SavedModes();
-  ~SavedModes();
+  ~SavedModes() { restore(); }
   SavedModes(const SavedModes &) = delete;
   SavedModes &operator=(const SavedModes &) = delete;
+  void restore() const;
 
  private:
-  int make_[2], download_[2], console_, wait_, trace_;
-  char prog_[64];
+  int make_[2], download_[2], console_, wait_, trace_, common_, sectdir_;
+  char prog_[64], *ini_, *user_ini_;
 };
 
 }  // namespace trv::test

@@ -133,20 +133,6 @@ TEST_F(DbTest, LoadFillsTheTables) {
   EXPECT_STREQ(text_at(hdr(Word::Net_Index)), index.c_str());
 }
 
-// Other shapes of TEXMF get the network marker too; with no ls-R type at
-// all (an error) the index still loads.
-TEST(DbNetworkIndex, JoinsTheMarkerToAnyTexmf) {
-  const char *cases[][2] = {
-      {"[common]\nTEXMF=$SELFAUTOPARENT/t\n[QDM]\nls-R=$TEXMF\n", "{$SELFAUTOPARENT/t,:*:}"},
-      {"[QDM]\n", "{:*:}"}};
-  for (const auto &c : cases) {
-    test::AttachedTest at{c[0]};
-    at.box.write("Update/ls-R.net", ":pkg:\n./fonts/tfm:\nx.tfm\n");
-    QDMFind("!Finish");
-    EXPECT_STREQ(_QDMValue("common", "TEXMF"), c[1]) << c[0];
-  }
-}
-
 TEST(DbLookup, Match) {
   const char *cm = "/t/f/tfm/pub/cm/r.tfm", *net = ":pkg:fonts/tfm/x.tfm";
   const struct { const char *path, *element; int admitted; } cases[] = {

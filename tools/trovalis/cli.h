@@ -31,5 +31,6 @@ int cmd_reset(int argc, char **argv);
 int cmd_newfile(int argc, char **argv);
 int cmd_mklsr(int argc, char **argv);
 int cmd_init(int argc, char **argv);
+int cmd_run(int argc, char **argv);
 
 }  // namespace cli

@@ -73,6 +73,9 @@ constexpr const char *kUsage =
     "  init [--tree DIR]... [-o FILE]  write a TEXMF.INI for existing TeX trees\n"
     "  mklsr [--no-reset] DIR...       write the ls-R database of each tree DIR\n"
     "\n"
+    "TeX Live's programs:\n"
+    "  run COMMAND [ARGS...]           run COMMAND with its look-ups answered by trovalis\n"
+    "\n"
     "Maintaining the cache:\n"
     "  newfile PATH                    enter a newly written file into the databases\n"
     "  reset                           rebuild the cache from the configuration files\n"
@@ -85,7 +88,9 @@ constexpr const char *kUsage =
     "\n"
     "Environment:\n"
     "  TROVALIS_INSTANCE     suffix for the shared region and lock names\n"
-    "  TROVALIS_MAP_SIZE     bytes of a newly created shared region\n";
+    "  TROVALIS_MAP_SIZE     bytes of a newly created shared region\n"
+    "  TROVALIS_INI          the main configuration file\n"
+    "  TROVALIS_KPATHSEA     off or verify: the kpathsea bridge (trovalis run)\n";
 
 struct Command {
   const char *name;
@@ -97,6 +102,7 @@ constexpr Command kCommands[] = {
     {"expand", cli::cmd_expand},   {"path", cli::cmd_path},       {"newfile", cli::cmd_newfile},
     {"reset", cli::cmd_reset},     {"report", cli::cmd_report},   {"log", cli::cmd_log},
     {"post", cli::cmd_post},       {"mklsr", cli::cmd_mklsr},     {"init", cli::cmd_init},
+    {"run", cli::cmd_run},
 };
 
 }  // namespace
