@@ -192,15 +192,15 @@ chmod +x "$work/fonts1000.ours"
 "$T" find tex article.cls >/dev/null
 hyperfine -N --warmup 2 --runs "$runs" --prepare "$T reset" --output null --export-json "$json" \
   "$work/fonts.ours" "$work/mixed.ours" >/dev/null
-d_ours=$(stat_ms 0 mean); d_mixed=$(stat_ms 1 mean)
+d_ours=$(stat_ms 0 median); d_mixed=$(stat_ms 1 median)
 hyperfine -N --warmup 1 --runs "$runs" --output null --export-json "$json" \
   "$work/fonts.kpse" "$work/mixed.kpse" >/dev/null
-d_kpse=$(stat_ms 0 mean); d_kpse_mixed=$(stat_ms 1 mean)
+d_kpse=$(stat_ms 0 median); d_kpse_mixed=$(stat_ms 1 median)
 "$T" reset >/dev/null
 "$T" request - < "$work/fonts.requests" >/dev/null   # every name cached from here
 hyperfine -N --warmup 2 --runs "$runs" --output null --export-json "$json" \
   "$work/fonts1000.ours" "$work/fonts.ours" >/dev/null
-d_cached1000=$(stat_ms 0 mean); d_cached=$(stat_ms 1 mean)
+d_cached1000=$(stat_ms 0 median); d_cached=$(stat_ms 1 median)
 debian_files=$(grep -v -e ':$' -e '^%' -e '^$' "$debian" | wc -l)
 
 section=$(cat <<EOF
@@ -240,7 +240,8 @@ deviation of 5 repetitions):
 **(d) Batches** on Debian's trees ($debian_files files in their ls-R files):
 $n_names distinct names in shuffled order, asked by one \`trovalis request -\`
 process (the cache reset before each run) and by one kpsewhich run given all
-of them (means of $runs). The fonts set holds .tfm and .enc names, whose
+of them (medians of $runs: the machine is shared, and a median keeps
+another program's burst out of the figure). The fonts set holds .tfm and .enc names, whose
 search paths the ls-R files cover; the mixed set has $n_tex .sty and .cls
 names among them, whose search path begins with \`/etc/texmf/tex//\`, a tree
 without an ls-R, which trovalis walks on disk for each such name.
