@@ -212,6 +212,8 @@ ours_ok() { awk -v a="$1" -v b="$2" 'BEGIN { exit !(a <= b) }'; }
 fits="yes: $region_bytes of $region_max bytes"
 ours_ok "$region_bytes" "$region_max" || fits="no"
 
+# The section bench/scale.sh writes is kept, at the end.
+kept=$(sed -n '/^<!-- bench\/scale.sh writes this section/,$p' "$output" 2>/dev/null || true)
 cat > "$output" <<EOF
 # Benchmarks
 
@@ -224,7 +226,7 @@ process). Every ratio compares figures measured in the same run.
 - Trees: $(echo $trees | sed 's/ /, /g'); $files files in their ls-R files
 - kpsewhich: $(kpsewhich --version | head -1); trovalis $("$T" --version | cut -d' ' -f2)
 - The shared region for these trees: $region_bytes bytes in use of $region_max
-  (the default 8,000,000-byte region suffices: $fits)
+  (sized for these trees, \`TROVALIS_MAP_SIZE\` unset; the trees fit: $fits)
 
 | measurement | trovalis | kpsewhich | ratio |
 |---|---|---|---|
@@ -279,5 +281,6 @@ plain TeX page (\`plain.tex\`, through \`tex\` for \`dvips\`), both in
 bench/texlive.sh. The PDF made with the bridge is byte-identical to the
 one made without it (\`SOURCE_DATE_EPOCH\` set): $cmp_pdf.
 EOF
+if [ -n "$kept" ]; then printf '\n%s\n' "$kept" >> "$output"; fi
 echo "Wrote $output"
 cat "$output"

@@ -3,10 +3,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "core/containers.h"
 #include "core/failed_reads.h"
 #include "core/region.h"
+#include "config/format_path.h"
 #include "core/validate.h"
 #include "trovalis.h"
 
@@ -25,9 +27,36 @@ void trace(const char *prefix, const char *text) {
   if (Trace) message(prefix, text);
 }
 
-// Fills a new record from the type's definition: path, then "+" and the
-// suffixes, then "*" and the make command.
-void build_record(int32_t record, const char *type) {
+// Makes the entry of `type` in `table` read as "none" when it holds
+// `record`: the lookup brings it to the front, where it is changed in place.
+void drop(int32_t table, const char *type, int32_t record) {
+  lru_lookup(table, type);
+  const char *head = at(table, LruHeadLayout::kName);
+  const int32_t first = head != nullptr ? loadi(head + LruHeadLayout::kFirst) : 0;
+  if (first > 0 && entry_value(first) == record) entry_set_value(first, 0);
+}
+
+// Stores what was read into a new record: the texts, then the search path.
+void store_record(int32_t record, const FormatParts &parts) {
+  if (parts.has_make) {
+    const int make = stradd(parts.make.c_str());
+    set_word(record, kMake, make > 0 ? make : 0);
+  }
+  if (parts.has_suffixes) {
+    const int text = stradd(parts.suffixes.c_str());
+    set_word(record, kSuffixes, text > 0 ? text : 0);
+  }
+  int32_t first = 0;
+  for (const std::string &dir : parts.path) first = list_append(first, dir.c_str(), 0);
+  set_word(record, kSearchPath, first > 0 ? first : 0);
+}
+
+}  // namespace
+
+// The definition: path, then "+" and the suffixes, then "*" and the make
+// command.
+void read_format(const char *type, FormatParts &parts) {
+  parts = FormatParts{};
   trace("Look for a Format: ", type);
   const char *definition = _QDMValue("QDM", type);
   trace("Use the path: ", definition ? definition : "(none)");
@@ -41,12 +70,12 @@ void build_record(int32_t record, const char *type) {
       *plus = '\0';
       char *suffixes = plus + 1;
       if (char *star = std::strchr(suffixes, '*')) {
-        const int make = stradd(star + 1);
-        set_word(record, kMake, make > 0 ? make : 0);
+        parts.has_make = true;
+        parts.make = star + 1;
         *star = '\0';
       }
-      const int text = stradd(suffixes);
-      set_word(record, kSuffixes, text > 0 ? text : 0);
+      parts.has_suffixes = true;
+      parts.suffixes = suffixes;
     }
   }
   trace("RAW Search Path: ", work);
@@ -63,17 +92,20 @@ void build_record(int32_t record, const char *type) {
 
   char **dirs = expand_braces(expanded);
   if (dirs == nullptr) return;
-  int32_t first = 0;
   for (char **d = dirs; *d != nullptr; ++d) {
     trace("Chunk= ", *d);
-    first = list_append(first, *d, 0);
+    try {
+      parts.path.emplace_back(*d);
+    } catch (...) {
+      for (char **rest = d; *rest != nullptr; ++rest) std::free(*rest);
+      std::free(dirs);
+      throw;
+    }
     std::free(*d);
   }
   std::free(dirs);
-  set_word(record, kSearchPath, first > 0 ? first : 0);
 }
 
-}  // namespace
 }  // namespace trv
 
 using namespace trv;
@@ -95,23 +127,32 @@ extern "C" char *FormatPath(const char *program, const char *type) {
     return record;
   }
 
+  // A record that does not fit whole is not kept: a search path cut short
+  // would answer every later search of the type wrongly. The caller reads
+  // the format into its own memory instead (read_format) and caches nothing.
+  const uint32_t refusals = arena_refusals();
   const int32_t record = salloc(kRecordBytes);
   if (record < 0) return nullptr;
   std::memset(at(record, kRecordBytes), 0, kRecordBytes);
   lru_insert(table, type, record);
-  const int answers = lru_create(type);
+  const int answers = lru_create_indexed(type);
   set_word(record, kAnswers, answers > 0 ? answers : 0);
   const FailedReadWatch reads;
-  build_record(record, type);
-  if (reads.failed()) {
-    // Built from a file this process could not read: the record serves
-    // this process's request only. Its entry (the list's first since the
-    // lookup) reads as "none" from now on, so the next request builds the
-    // record again.
-    lru_lookup(table, type);
-    const char *head = at(table, LruHeadLayout::kName);
-    const int32_t first = head != nullptr ? loadi(head + LruHeadLayout::kFirst) : 0;
-    if (first > 0 && entry_value(first) == record) entry_set_value(first, 0);
+  try {
+    FormatParts parts;
+    read_format(type, parts);
+    store_record(record, parts);
+  } catch (const std::bad_alloc &) {
+    drop(table, type, record);
+    return nullptr;
   }
-  return at(record, kRecordBytes);
+  const bool cut = arena_refusals() != refusals;
+  if (reads.failed() || cut) {
+    // Built from a file this process could not read, or cut short: the
+    // record serves this process's request only, or none. Its entry (the
+    // list's first since the lookup) reads as "none" from now on, so the
+    // next request builds the record again.
+    drop(table, type, record);
+  }
+  return cut ? nullptr : at(record, kRecordBytes);
 }

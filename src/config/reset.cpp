@@ -4,14 +4,16 @@
 #include <cstring>
 
 #include "config/stamps.h"
+#include "core/attach.h"
 #include "core/failed_reads.h"
 #include "core/region.h"
 #include "trovalis.h"
 
 using namespace trv;
 
-extern "C" int QDMReset(void) {
-  if (!region_mapped()) return 0;
+namespace {
+
+void reset_once() {
   // Every file read from here on is stamped (config/stamps.h).
   stamps_begin();
   const FailedReadWatch reads;
@@ -71,5 +73,24 @@ extern "C" int QDMReset(void) {
   init_db();
   Load_Mirrors();
   stamps_end(!reads.failed());
+}
+
+}  // namespace
+
+// A reset whose files do not fit (the trees grew, or this is the first reset
+// of a region made with the default size) asks for a larger region: the
+// region is replaced and the reset run again in the new one.
+extern "C" int QDMReset(void) {
+  if (!region_mapped()) return 0;
+  const uint32_t refusals = arena_refusals();
+  reset_once();
+  const int64_t wish = take_region_wish(arena_refusals() != refusals);
+  // Run again either way: when no larger region could be made, the second
+  // run loads what fits.
+  if (wish > 0) {
+    grow_region(wish);
+    reset_once();
+  }
+  region_refusals_met();
   return 0;
 }

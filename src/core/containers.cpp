@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/lru_index.h"
 #include "core/region.h"
 #include "trovalis.h"
 
@@ -79,19 +80,23 @@ void entry_set_next(int32_t entry, int32_t next) {
   if (entry > 0 && e) storei(e + EntryLayout::kNext, next);
 }
 
-// Reserves and fills an entry; -1 (after salloc's exhaustion line) when the
-// arena is full, in which case the caller changes nothing. A key longer than
-// readers accept (kTextMax) would read as a broken link: it is refused.
-int32_t new_entry(const char *key, int32_t value, int32_t next) {
+// Reserves and fills an entry, with `prefix` bytes in front of it (zeroed);
+// -1 (after salloc's exhaustion line) when the arena is full, in which case
+// the caller changes nothing. A key longer than readers accept (kTextMax)
+// would read as a broken link: it is refused.
+int32_t new_entry(const char *key, int32_t value, int32_t next, int32_t prefix = 0) {
   const size_t len = std::strlen(key);
   if (len > static_cast<size_t>(kTextMax)) return -1;
-  const int32_t off = salloc(static_cast<int>(len) + EntryLayout::kOverhead);
+  const int64_t bytes = prefix + static_cast<int64_t>(len) + EntryLayout::kOverhead;
+  const int32_t off = salloc(static_cast<int>(bytes));
   if (off < 0) return -1;
-  char *e = at(off, static_cast<int64_t>(len) + EntryLayout::kOverhead);
+  char *p = at(off, bytes);
+  std::memset(p, 0, static_cast<size_t>(prefix));
+  char *e = p + prefix;
   storei(e + EntryLayout::kNext, next);
   storei(e + EntryLayout::kValue, value);
   std::memcpy(e + EntryLayout::kKey, key, len + 1);
-  return off;
+  return off + prefix;
 }
 
 // Address of the word that holds bucket `index`'s head; the caller has
@@ -181,6 +186,7 @@ int lru_create(const char *name) {
   char *h = at(off, static_cast<int64_t>(len) + LruHeadLayout::kOverhead);
   storei(h + LruHeadLayout::kFirst, 0);
   storei(h + LruHeadLayout::kCount, 0);
+  storei(h + LruHeadLayout::kIndex, 0);
   std::memcpy(h + LruHeadLayout::kName, name, len + 1);
   return off;
 }
@@ -196,10 +202,18 @@ void lru_insert(int list, const char *key, int value) {
   if (first > 0 && first_key != nullptr && strcasecmp(first_key, key) == 0) {
     target = first;
   } else {
-    target = new_entry(key, value, first > 0 ? first : 0);
+    // An indexed list's entries carry the prefix words from the start: the
+    // index word is set when the list is made and never becomes 0.
+    const bool indexed = loadi(h + LruHeadLayout::kIndex) > 0;
+    target = new_entry(key, value, first > 0 ? first : 0,
+                       indexed ? IndexedEntryLayout::kPrefix : 0);
     if (target < 0) return;
     storei(h + LruHeadLayout::kFirst, target);
     store32(h + LruHeadLayout::kCount, load32(h + LruHeadLayout::kCount) + 1u);
+    if (indexed) {
+      if (first > 0) indexed_set_prev(first, target);
+      index_add(list, target);
+    }
   }
   entry_set_value(target, value);
   if (Trace_LRU) {
@@ -213,24 +227,47 @@ int lru_lookup(int list, const char *key) {
   char *h = at(list, LruHeadLayout::kName);
   if (list <= 0 || h == nullptr) return 0;
   const int32_t first = loadi(h + LruHeadLayout::kFirst);
-  int32_t prev = 0, found = 0;
-  // Answer caches grow to thousands of names and a lookup may walk them
-  // all: the first letter is compared before the whole key, and the key is
-  // read in place (the walk has checked that it ends inside the region).
-  const int first_letter = std::tolower(static_cast<unsigned char>(key[0]));
-  walk_chain(
-      first,
-      [&](int32_t e) {
-        const char *k = at(e + EntryLayout::kKey, 1);
-        if (std::tolower(static_cast<unsigned char>(k[0])) == first_letter &&
-            strcasecmp(k, key) == 0) {
-          found = e;
-          return false;
-        }
-        prev = e;
-        return true;
-      },
-      true);
+  const int32_t index = loadi(h + LruHeadLayout::kIndex);
+  int32_t prev = 0, found = -1;
+  // The front entry first: a program asks the names it just asked again
+  // and again, and that entry is read anyway, while the index lies on
+  // pages of its own that a fresh process has not touched yet.
+  const char *first_key = index > 0 ? entry_key(first) : nullptr;
+  if (first_key != nullptr && strcasecmp(first_key, key) == 0) {
+    found = first;
+  } else if (index > 0) {
+    found = index_find(index, key);
+    // The entry before the one found must link to it; when it does not,
+    // the prefix words are damaged and the list is walked instead.
+    if (found > 0 && found != first) {
+      prev = indexed_prev(found);
+      if (prev <= 0 || entry_next(prev) != found) {
+        note_damage("an answer cache index");
+        found = -1;
+      }
+    }
+  }
+  if (found < 0) {
+    found = 0;
+    prev = 0;
+    // Lists without an index stay short (programs, file types); the first
+    // letter is compared before the whole key, and the key is read in
+    // place (the walk has checked that it ends inside the region).
+    const int first_letter = std::tolower(static_cast<unsigned char>(key[0]));
+    walk_chain(
+        first,
+        [&](int32_t e) {
+          const char *k = at(e + EntryLayout::kKey, 1);
+          if (std::tolower(static_cast<unsigned char>(k[0])) == first_letter &&
+              strcasecmp(k, key) == 0) {
+            found = e;
+            return false;
+          }
+          prev = e;
+          return true;
+        },
+        true);
+  }
   char text[128];
   if (found == 0) {
     if (Trace_LRU) {
@@ -240,9 +277,15 @@ int lru_lookup(int list, const char *key) {
     return 0;
   }
   if (found != first) {
-    entry_set_next(prev, entry_next(found));
+    const int32_t next = entry_next(found);
+    entry_set_next(prev, next);
     entry_set_next(found, first);
     storei(h + LruHeadLayout::kFirst, found);
+    if (index > 0) {
+      if (next > 0) indexed_set_prev(next, prev);
+      indexed_set_prev(first, found);
+      indexed_set_prev(found, 0);
+    }
   }
   const int32_t value = entry_value(found);
   if (Trace_LRU) {
@@ -277,3 +320,15 @@ char *next_key(const char *entry) {
 }
 
 }  // extern "C"
+
+namespace trv {
+
+int32_t lru_create_indexed(const char *name) {
+  const int32_t list = lru_create(name);
+  if (list <= 0) return list;
+  const int32_t index = index_create(IndexLayout::kFirstSlots);
+  if (index > 0) storei(at(list, LruHeadLayout::kName) + LruHeadLayout::kIndex, index);
+  return list;
+}
+
+}  // namespace trv

@@ -21,6 +21,12 @@ void entry_set_value(int32_t entry, int32_t value);
 int32_t hash_bucket_head(int32_t table, uint32_t index);
 int32_t hash_bucket_count(int32_t table);
 
+// An LRU list with an index (core/lru_index.h) beside it, for lists that
+// grow to thousands of keys: the answer caches. The same list for every
+// reader; -1 when the arena is full, and a list without an index when only
+// the index did not fit.
+int32_t lru_create_indexed(const char *name);
+
 // Visits a chain from `first`, at most max_walk() entries; `visit` returns
 // false to stop. Returns the number of entries visited.
 template <class F>

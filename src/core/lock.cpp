@@ -198,6 +198,7 @@ int WaitForSingleObject(QDMLock *lock, int) {
   else if (sem_trywait(lock->sem) == 0 && holder_claim(h)) r = 0;
   else r = wait_watching(lock, &taken, &took_over);
   lock->count++;
+  if (lock->after_take) lock->after_take(lock);
   if (took_over) (lock->after_takeover ? lock->after_takeover : log_takeover)(lock, taken);
   return r;
 }

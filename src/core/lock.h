@@ -29,6 +29,8 @@ struct QDMLock {
   long orphan_ms = 0;        // see "The window" in core/holder.cpp
   // Runs right after this process took the lock over, holding it.
   void (*after_takeover)(QDMLock *lock, const trv::Takeover &what) = nullptr;
+  // Runs at every outermost take, before after_takeover.
+  void (*after_take)(QDMLock *lock) = nullptr;
   QDMLock *next_handle = nullptr;  // every handle ever made, see lock.cpp
 };
 

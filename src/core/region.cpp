@@ -16,7 +16,10 @@ namespace {
 constexpr const char *kExhausted = "ERROR: too few shared memmory, extend it.";
 
 char *data_base() { return g_map.base + kHeaderBytes; }
+uint32_t g_refusals = 0;
 }  // namespace
+
+uint32_t arena_refusals() { return g_refusals; }
 
 
 int32_t hdr(Word w) {
@@ -64,6 +67,7 @@ int salloc(int size) {
     // A full arena is normal; a header that makes every request fail is
     // damage, which the next export repairs.
     if (const Finding f = check_header(); f.fault != Fault::None) note_damage(f.what);
+    ++g_refusals;
     message(kExhausted, "");
     return -1;
   }

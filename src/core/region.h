@@ -15,9 +15,12 @@
 
 namespace trv {
 
-inline constexpr int32_t kLayoutVersion = 9;
+inline constexpr int32_t kLayoutVersion = 10;
 inline constexpr int32_t kHeaderBytes = 128;
 inline constexpr int32_t kDefaultMapSize = 8000000;
+// The Version word of a region that a larger one has replaced: processes
+// that still map it move to the object the name now leads to.
+inline constexpr int32_t kReplacedVersion = -1;
 // Mem_Max = Map_Size - 132: the data area in use, one word short of the end.
 inline constexpr int32_t kMemMaxSlack = 132;
 
@@ -110,19 +113,36 @@ TRV_WORD_AT(Net_Index, 124);
 #undef TRV_WORD_AT
 
 // Entry record shared by hash tables, LRU lists and text lists:
-// next (4), value (4), key text with NUL, then 3 unused bytes.
+// next (4), value (4), key text with NUL; nothing after the key.
 struct EntryLayout {
   static constexpr int32_t kNext = 0;
   static constexpr int32_t kValue = 4;
   static constexpr int32_t kKey = 8;
-  static constexpr int32_t kOverhead = 12;  // reserved beyond the key length
+  static constexpr int32_t kOverhead = 9;  // reserved beyond the key length
 };
-// LRU list head: first (4), count (4), name text with NUL.
+// An entry of an indexed LRU list carries one more word in front of it, so
+// that every reader of plain entries reads it unchanged: the entry before
+// it in the list (0 for the first), relative to the entry's own offset.
+struct IndexedEntryLayout {
+  static constexpr int32_t kPrev = -4;
+  static constexpr int32_t kPrefix = 4;
+};
+// LRU list head: first (4), count (4), index (4, 0 for a list without
+// one), name text with NUL.
 struct LruHeadLayout {
   static constexpr int32_t kFirst = 0;
   static constexpr int32_t kCount = 4;
-  static constexpr int32_t kName = 8;
-  static constexpr int32_t kOverhead = 12;
+  static constexpr int32_t kIndex = 8;
+  static constexpr int32_t kName = 12;
+  static constexpr int32_t kOverhead = 13;
+};
+// Index of an LRU list: slot count (a power of two), slots in use, then
+// the slots, each a key's hash and its entry (0: free), linearly probed.
+struct IndexLayout {
+  static constexpr int32_t kCount = 4;
+  static constexpr int32_t kSlots = 8;
+  static constexpr int32_t kSlotBytes = 8;
+  static constexpr int32_t kFirstSlots = 32;
 };
 // Hash table: bucket count, then the bucket heads; 8 bytes of slack.
 struct HashLayout {
@@ -183,6 +203,9 @@ struct Off {
 struct Mapping {
   char *base = nullptr;   // Ptr_trovalis
   int64_t length = 0;     // bytes mapped
+  // Counts the mappings this process has made: what was read in one is
+  // not taken for what another holds, though the address may repeat.
+  uint64_t serial = 0;
 };
 extern Mapping g_map;
 
@@ -209,6 +232,11 @@ const char *text_at(int32_t off);
 // The reverse of at(): the data-area offset of a pointer into the region, or
 // -1 for a pointer outside it.
 int32_t offset_of(const void *p);
+
+// Requests the arena has refused in this process: a caller that builds
+// several objects compares it before and after to know whether all of them
+// fit.
+uint32_t arena_refusals();
 
 // Upper bound for walks along links: no list can hold more entries than the
 // data area has room for, so a longer walk has met a cycle.

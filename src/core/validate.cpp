@@ -7,6 +7,7 @@
 
 #include "core/containers.h"
 #include "core/lock.h"
+#include "core/lru_index.h"
 #include "core/region.h"
 #include "trovalis.h"
 
@@ -23,7 +24,6 @@ struct Noted {
   int32_t resets = 0;  // Reset_Count when the damage was met
   uint32_t count = 0;
 } g_noted;
-bool g_partial_view = false;
 const char *g_last = "";
 
 Finding fixed(const char *what) { return {Fault::Recreate, what}; }
@@ -148,8 +148,43 @@ class RegionWalk {
       if ((suffixes != 0 && !text(suffixes)) || (make != 0 && !text(make)))
         return fail("a format record's texts");
       return chain(path, "a search path list", [](int32_t) { return true; }) &&
-             lru(answers, [&](int32_t a) { return a == 0 || a == 1 || text(a); });
+             lru(answers, [&](int32_t a) { return a == 0 || a == 1 || text(a); }) &&
+             index_of(answers);
     });
+  }
+
+  // An answer cache's index: a power of two of slots, one at least free,
+  // as many used as counted, each used one naming an entry of the arena with its
+  // prefix word above the mark and the hash of its key; and each entry of
+  // the list with the prefix word naming the entry before it.
+  bool index_of(int32_t list) {
+    const int32_t index = loadi(at(list, LruHeadLayout::kName) + LruHeadLayout::kIndex);
+    if (index == 0) return true;
+    constexpr const char *kBad = "an answer cache index";
+    if (!within(index, IndexLayout::kSlots, mark_, used_)) return fail(kBad);
+    const int64_t n = loadi(at(index, IndexLayout::kSlots));
+    if (n <= 0 || (n & (n - 1)) != 0 ||
+        !within(index, IndexLayout::kSlots + IndexLayout::kSlotBytes * n, mark_, used_))
+      return fail(kBad);
+    const int64_t count = loadi(at(index, IndexLayout::kSlots) + IndexLayout::kCount);
+    const auto prefixed = [&](int32_t e) {
+      return within(static_cast<int64_t>(e) + IndexedEntryLayout::kPrev, IndexedEntryLayout::kPrefix,
+                    mark_, used_) && entry(e);
+    };
+    int64_t in_use = 0;
+    for (int64_t i = 0; i < n; ++i) {
+      const char *s = at(static_cast<int32_t>(index + IndexLayout::kSlots + IndexLayout::kSlotBytes * i),
+                         IndexLayout::kSlotBytes);
+      const int32_t e = loadi(s + 4);
+      if (e == 0) continue;
+      if (--steps_ < 0 || !prefixed(e) || index_hash(entry_key(e)) != load32(s)) return fail(kBad);
+      ++in_use;
+    }
+    if (in_use != count || count >= n) return fail(kBad);
+    int32_t prev = 0;
+    for (int32_t e = loadi(at(list, LruHeadLayout::kName)); e != 0; prev = e, e = entry_next(e))
+      if (--steps_ < 0 || !prefixed(e) || indexed_prev(e) != prev) return fail(kBad);
+    return true;
   }
 
   // Texts packed from Pool_Low up to the empty text at Mem_Max - 1, read
@@ -262,15 +297,13 @@ const char *last_damage() { return g_last; }
 
 void forget_damage() { g_damage_pending = false; }
 
-void set_partial_view(bool partial) { g_partial_view = partial; }
-
 void repair_noted_damage() {
   if (!g_damage_pending) return;
   // Only the outermost holder of the lock may rebuild: a caller further out
   // may still hold offsets into what the rebuild discards.
   if (Lock != nullptr && Lock->count > 1) return;
   g_damage_pending = false;
-  if (!region_mapped() || g_partial_view || hdr(Word::Version) != kLayoutVersion) return;
+  if (!region_mapped() || hdr(Word::Version) != kLayoutVersion) return;
   // Another process met the same damage first and rebuilt the region.
   if (hdr(Word::Reset_Count) != g_noted.resets) return;
 

@@ -62,11 +62,6 @@ const char *last_damage();
 // readers over images that no reset could rebuild).
 void forget_damage();
 
-// Set at attach for a process that maps less of the object than it holds
-// (a region made with a larger TROVALIS_MAP_SIZE): such a process cannot
-// judge the whole region, so it never rebuilds it.
-void set_partial_view(bool partial);
-
 // With the cache lock held by the outermost caller: when this process noted
 // damage and no other process has rebuilt the region since, logs one
 // "ERROR: " line saying what was wrong and rebuilds the region. Costs one

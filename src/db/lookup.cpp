@@ -26,9 +26,13 @@ constexpr long kMatchBudget = 100000;
 
 bool is_sep(char c) { return c == '/' || c == '\\'; }
 
+// ASCII letters only, as strcasecmp in the C locale: the library's own fold
+// rather than the locale's tolower, which costs a call per character.
+char fold(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }
+
 bool same(char a, char b) {
   if (is_sep(a) && is_sep(b)) return true;
-  return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
+  return fold(a) == fold(b);
 }
 
 // Cases, for the path /t/fonts/tfm/public/cm/cmr10.tfm:
@@ -195,14 +199,20 @@ extern "C" char *db_search(const char *name, const char *element, char *out) {
   const int n = candidates(base, names);
   for (int i = 0; i < n; ++i) {
     const char *found = nullptr;
-    walk_chain(hash_bucket_head(table, hash(table, names[i])), [&](int32_t e) {
-      const char *key = entry_key(e);
+    const int32_t buckets = hash_bucket_count(table);
+    if (buckets <= 0) break;
+    const uint32_t bucket = fast_hash_index(names[i], static_cast<uint32_t>(buckets));
+    walk_chain(hash_bucket_head(table, bucket), [&](int32_t e) {
+      // The walk has checked that the key ends inside the region.
+      const char *key = at(e + EntryLayout::kKey, 1);
       if (strcasecmp(key, names[i]) != 0) return true;
       const char *dir = text_at(entry_value(e));
       if (dir == nullptr) return true;
       // A path that would not fit the caller's buffer is passed over.
-      const int w = std::snprintf(out, kPathBuf, "%s%s", dir, key);
-      if (w < 0 || w >= kPathBuf) return true;
+      const size_t dir_len = std::strlen(dir), key_len = std::strlen(key);
+      if (dir_len + key_len >= static_cast<size_t>(kPathBuf)) return true;
+      std::memcpy(out, dir, dir_len);
+      std::memcpy(out + dir_len, key, key_len + 1);
       if (!match(out, used)) return true;
       if (out[0] != ':' && access(out, R_OK) != 0) {
         note_failed_read(out, errno);  // there but unreadable: not a miss to keep

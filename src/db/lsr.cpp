@@ -1,5 +1,6 @@
 // Loading the ls-R databases, the alias files beside them and the network
 // index into the shared region at each configuration reset.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <new>
 
 #include "config/stamps.h"
+#include "core/attach.h"
 #include "core/containers.h"
 #include "core/failed_reads.h"
 #include "core/region.h"
@@ -228,6 +230,31 @@ class Appender {
   std::unique_ptr<int32_t[]> tails_;
 };
 
+// Bytes of the ls-R and alias files along the type ls-R's search path.
+int64_t load_bytes(int32_t path) {
+  int64_t total = 0;
+  char file[kLongPath];
+  walk_chain(path, [&](int32_t e) {
+    const char *text = entry_key(e);
+    const char *d = text + (text[0] == '!' && text[1] == '!' ? 2 : 0);
+    for (const char *leaf : {"ls-R", "aliases", "aliases.ini"}) {
+      struct stat st {};
+      if (join(file, sizeof file, d, leaf) && stat(file, &st) == 0 && S_ISREG(st.st_mode))
+        total += st.st_size;
+    }
+    return true;
+  });
+  return total;
+}
+
+// The database table's bucket count: 15991, or about one bucket per name
+// for larger trees (an ls-R line takes some 24 bytes), so that a look-up
+// compares a name or two, not dozens, on a tree of 400,000 files.
+int db_buckets(int64_t load) {
+  const int64_t wanted = (load / 24) | 1;
+  return static_cast<int>(std::clamp<int64_t>(wanted, kDbBuckets, 1 << 22));
+}
+
 }  // namespace
 
 int ignore_dir_p(const char *line) {
@@ -378,10 +405,14 @@ extern "C" void init_db(void) {
 
   int32_t table = 0;
   const int32_t path = ls_r_path();
+  // Files that would not fit are not loaded here: the reset asks for a
+  // larger region and loads them there.
+  const int64_t load = path > 0 ? load_bytes(path) : 0;
+  if (path > 0 && !region_fits(load)) return;
   if (path < 0) {
     message("ERROR: There is no path type: ", "ls-R");
   } else {
-    const int made_db = hash_create(kDbBuckets);
+    const int made_db = hash_create(db_buckets(load));
     const int made_alias = hash_create(kAliasBuckets);
     table = made_db > 0 ? made_db : 0;
     const int32_t aliases = made_alias > 0 ? made_alias : 0;

@@ -92,4 +92,20 @@ FileStamp file_stamp(const char *path) {
   return s;
 }
 
+DirState dir_state(const struct stat &st) {
+#ifdef __APPLE__
+  const timespec &mtime = st.st_mtimespec, &ctime = st.st_ctimespec;
+#else
+  const timespec &mtime = st.st_mtim, &ctime = st.st_ctim;
+#endif
+  DirState d;
+  d.dev = static_cast<int64_t>(st.st_dev);
+  d.inode = static_cast<int64_t>(st.st_ino);
+  d.mtime_sec = mtime.tv_sec;
+  d.mtime_nsec = static_cast<int32_t>(mtime.tv_nsec);
+  d.ctime_sec = ctime.tv_sec;
+  d.ctime_nsec = static_cast<int32_t>(ctime.tv_nsec);
+  return d;
+}
+
 }  // namespace trv::platform

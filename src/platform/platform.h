@@ -1,6 +1,8 @@
 // The few services whose implementation differs between macOS and Linux.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <semaphore.h>
 
 #include <cstddef>
@@ -42,6 +44,17 @@ struct FileStamp {
 
 // The stamp of `path` (following links); all 0 when it cannot be looked at.
 FileStamp file_stamp(const char *path);
+
+// What a directory's stat says that changes whenever its entries, its
+// mode or owner, or the directory a path leads to change: device, inode,
+// and the modification and status-change times to the nanosecond.
+struct DirState {
+  int64_t dev = 0, inode = 0;
+  int64_t mtime_sec = 0, ctime_sec = 0;
+  int32_t mtime_nsec = 0, ctime_nsec = 0;
+  friend bool operator==(const DirState &, const DirState &) = default;
+};
+DirState dir_state(const struct stat &st);
 
 // The folder that holds the per-user folder when neither APPDATA nor
 // USERPROFILE names one: ~/Library on macOS; on Linux $XDG_CONFIG_HOME when

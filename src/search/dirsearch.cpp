@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <set>
 #include <string>
 #include <utility>
@@ -20,6 +21,7 @@
 #include "core/message.h"
 #include "core/region.h"
 #include "core/validate.h"
+#include "platform/platform.h"
 #include "trovalis.h"
 
 namespace trv {
@@ -30,16 +32,44 @@ constexpr const char *kTooLong = "WARNING: path too long, not searched: ";
 
 using Visited = std::set<std::pair<dev_t, ino_t>>;
 
+// A directory a walk visited, and what stat said of it.
+struct Visit {
+  std::string path;
+  platform::DirState state;
+};
+
 struct Walk {
   const char *name;
   size_t name_len;
   Visited visited;
   bool told_too_long = false;
+  // The directories visited, in order, while the walk may be remembered;
+  // `whole` goes false when it skipped anything (a path too long, a
+  // directory it could not read, the depth limit).
+  std::vector<Visit> *visits = nullptr;
+  bool whole = true;
 };
+
+// The last walks of this process that found nothing, by tree. A name not
+// cached is usually asked along several trees, and a tree without ls-R is
+// walked for each: a batch of 1,000 names reads the same directories 1,000
+// times. A remembered walk visits its directories again in the same order
+// with one stat each, looking for the name as the walk would; a directory
+// whose stat changed (an entry added or removed, its mode, what the path
+// leads to) or that is gone sends the search back to a real walk, which is
+// remembered in its place. Only walks of at most kMemoDirs directories are
+// kept, and kMemoTrees of them.
+constexpr size_t kMemoDirs = 512, kMemoTrees = 8;
+struct Memo {
+  std::string root;
+  std::vector<Visit> visits;
+};
+std::vector<Memo> g_memos;
 
 // One line per walk: a deep tree can hold many over-long names, and the
 // shared log keeps only the last 1024 lines of every process.
 void too_long(Walk &w, const char *dir) {
+  w.whole = false;
   if (w.told_too_long) return;
   w.told_too_long = true;
   message(kTooLong, dir);
@@ -68,7 +98,15 @@ bool maybe_dir(const dirent *ent) {
 char *walk(char *dir, const struct stat &st, Walk &w, int depth) {
   // A directory reached a second time (through a symbolic link) was
   // searched in full the first time, so a cycle ends here.
-  if (!w.visited.emplace(st.st_dev, st.st_ino).second || depth > kMaxDepth) return nullptr;
+  if (!w.visited.emplace(st.st_dev, st.st_ino).second) return nullptr;
+  if (depth > kMaxDepth) {
+    w.whole = false;
+    return nullptr;
+  }
+  if (w.visits != nullptr) {
+    if (w.visits->size() < kMemoDirs) w.visits->push_back({dir, platform::dir_state(st)});
+    else w.whole = false;
+  }
 
   const size_t n = std::strlen(dir);
   if (n + 1 + w.name_len < static_cast<size_t>(kSearchBuf)) {
@@ -88,6 +126,7 @@ char *walk(char *dir, const struct stat &st, Walk &w, int depth) {
   DIR *d = open_dir(dir);
   if (d == nullptr) {
     const int err = errno;
+    w.whole = false;
     message("ERROR: Can't opendir: ", dir);
     note_failed_read(dir, err);
     return nullptr;
@@ -106,6 +145,7 @@ char *walk(char *dir, const struct stat &st, Walk &w, int depth) {
     struct stat sub;
     if (stat(dir, &sub) != 0) {
       const int err = errno;
+      w.whole = false;
       message("ERROR: Can't access directory: ", dir);
       note_failed_read(dir, err);
       continue;
@@ -131,8 +171,51 @@ char *recurse(char *dir, const char *name) {
     message("WARNING: is not a directory: ", dir);
     return nullptr;
   }
-  Walk w{name, std::strlen(name), {}};
-  return walk(dir, st, w, 0);
+  // Trace lines tell what a real walk reads, so with tracing on every walk
+  // is real.
+  const size_t name_len = std::strlen(name);
+  Memo *memo = nullptr;
+  for (Memo &m : g_memos)
+    if (m.root == dir) memo = &m;
+  if (memo != nullptr && !Trace) {
+    bool same = !memo->visits.empty() && memo->visits.front().state == platform::dir_state(st);
+    for (size_t i = 0; same && i < memo->visits.size(); ++i) {
+      const Visit &v = memo->visits[i];
+      struct stat now;
+      same = i == 0 || (stat(v.path.c_str(), &now) == 0 && platform::dir_state(now) == v.state);
+      if (same && v.path.size() + 1 + name_len >= static_cast<size_t>(kSearchBuf)) same = false;
+      if (!same) break;
+      std::memcpy(dir, v.path.data(), v.path.size());
+      dir[v.path.size()] = '/';
+      std::memcpy(dir + v.path.size() + 1, name, name_len + 1);
+      if (access(dir, R_OK) == 0) return dir;
+      note_failed_read(dir, errno);
+    }
+    std::memcpy(dir, memo->visits.front().path.c_str(), memo->visits.front().path.size() + 1);
+    if (same) return nullptr;
+  }
+  Walk w{name, name_len, {}};
+  std::vector<Visit> visits;
+  if (!Trace) w.visits = &visits;
+  char *found = walk(dir, st, w, 0);
+  if (found != nullptr || Trace) return found;
+  // A directory whose entries changed within the last seconds may change
+  // again within the same tick of the file system's clock, which its stat
+  // would not show: such a walk is not remembered (the "racy" case).
+  const time_t settled = time(nullptr) - 2;
+  for (const Visit &v : visits)
+    if (v.state.mtime_sec >= settled) w.whole = false;
+  if (!w.whole) {
+    if (memo != nullptr) memo->visits.clear();
+    return nullptr;
+  }
+  if (memo == nullptr) {
+    if (g_memos.size() >= kMemoTrees) g_memos.erase(g_memos.begin());
+    g_memos.push_back({dir, {}});
+    memo = &g_memos.back();
+  }
+  memo->visits = std::move(visits);
+  return nullptr;
 }
 
 // The elements of a search path, copied out under the lock: the disk walk

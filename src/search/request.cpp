@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "config/format_path.h"
 #include "core/containers.h"
 #include "core/failed_reads.h"
 #include "core/lock.h"
@@ -48,14 +49,7 @@ char g_quoted[kQuotedBuf];
 // What the search needs of a format record, copied out under the cache
 // lock: the search itself runs without it, and a reset in another process
 // may meanwhile roll the arena back and reuse the record's space.
-struct Record {
-  std::vector<std::string> path;
-  // A record may hold an empty suffix text ("+" with nothing after it),
-  // which is not the same as none: a name without '.' is then not found.
-  bool has_suffixes = false;
-  std::string suffixes;
-  std::string make;
-};
+using Record = FormatParts;
 
 // The text at a record word into `to`; false (and `to` empty) for none.
 bool copy_text(std::string &to, int32_t offset) {
@@ -82,24 +76,41 @@ char *copy_cached(int32_t offset) {
 const char *program_key() { return ProgName[0] != '\0' ? ProgName : "QDM"; }
 
 // Fetches the record under the lock the caller holds and copies it out.
-// False when there is none.
+// With the arena too full to hold the record, the format is read into this
+// process's memory instead: the search goes on, it only caches nothing.
 bool fetch(const char *type, Record &rec) {
   const char *record = FormatPath(program_key(), type);
-  if (record == nullptr) return false;
+  if (record == nullptr) {
+    if (!region_mapped()) return false;
+    read_format(type, rec);
+    return true;
+  }
   const FormatWords w = read_record(record);
-  rec.path.clear();
+  // Assigned over the strings of the previous search, which keep their
+  // memory: a batch of searches then allocates nothing here.
+  size_t n = 0;
   const uint32_t damage = damage_seen();
   walk_chain(w.search_path, [&](int32_t e) {
-    rec.path.emplace_back(entry_key(e));
+    if (n < rec.path.size()) rec.path[n].assign(entry_key(e));
+    else rec.path.emplace_back(entry_key(e));
+    ++n;
     return true;
   });
+  rec.path.resize(n);
   // A damaged list may name any directories, as many as the arena holds
   // entries; searching them all could take hours. It is taken as empty.
   if (damage_seen() != damage) rec.path.clear();
   rec.has_suffixes = copy_text(rec.suffixes, w.suffixes);
-  copy_text(rec.make, w.make);
+  rec.has_make = copy_text(rec.make, w.make);
   return true;
 }
+
+// Which record the shared search record (see search) was copied from.
+struct Fetched {
+  uint64_t mapping = 0;  // the mapping it was read in (Mapping::serial)
+  int32_t record = 0;
+  uint32_t resets = 0;
+} g_fetched;
 
 bool refetch(const char *type, Record &rec) {
   CacheGuard guard;
@@ -186,23 +197,70 @@ char *search(const char *type, const char *name, int origin) {
   }
   trace("INFO: Getting file Type path: ", type);
 
+  // The format record found under the lock at the start. While no reset has
+  // run since (Reset_Count), its offset still holds it and the answer is
+  // stored there without looking the program and type up again; after one,
+  // the record is fetched anew. Call with the lock held.
+  int32_t record_at = -1;
+  uint32_t record_resets = 0;
+  uint64_t record_mapping = 0;  // the mapping record_at is an offset in
+  // Almost no installation has mirrors: then a found file is not offered
+  // to them, which spares a take of the lock per search. A reset that adds
+  // mirrors meanwhile is like one that comes right after the offer.
+  bool no_mirrors = false;
+  const auto current_record = [&]() -> const char * {
+    // A region that replaced this one may hold any count: the mapping is
+    // compared too.
+    if (record_at > 0 && g_map.serial == record_mapping &&
+        static_cast<uint32_t>(hdr(Word::Reset_Count)) == record_resets)
+      return at(record_at, 16);
+    return FormatPath(program_key(), type);
+  };
+
   // An outcome that rests on a file this process could not read is its
   // own: it is answered but not cached, nor is a download marker.
   const FailedReadWatch reads;
-  Record rec;
+  // One record serves every search of the process; a search started
+  // inside another (from a make command's host, say) has its own.
+  static Record shared;
+  static bool shared_busy = false;
+  Record own;
+  Record &rec = shared_busy ? own : shared;
+  const bool owner = !shared_busy;
+  shared_busy = true;
+  struct Release {
+    bool owner;
+    ~Release() {
+      if (owner) shared_busy = false;
+    }
+  } release{owner};
   char *r = nullptr;
   bool search_again;
   int32_t c;
   {
     CacheGuard guard;
     repair_damage();
+    // No record (a full arena) means nothing cached: the search runs.
     const char *record = FormatPath(program_key(), type);
-    if (record == nullptr) return kNoFormat;
-    c = lru_lookup(read_record(record).answers, name);
+    record_at = offset_of(record);
+    record_resets = static_cast<uint32_t>(hdr(Word::Reset_Count));
+    record_mapping = g_map.serial;
+    no_mirrors = hdr(Word::Mirror_List) == 0;
+    const int32_t answers = read_record(record).answers;
+    c = answers > 0 ? lru_lookup(answers, name) : 0;
     if (c > 1) r = copy_cached(c);
     search_again = c == 0 || (c == 1 && ignore_miss) ||
                    (c > 1 && (r == nullptr || (net_marker(r) && download > 0)));
-    if (search_again && !fetch(type, rec)) return kNoFormat;
+    // The shared copy still holds this record when the previous search
+    // fetched it and no reset has run since: a batch of names of one type
+    // copies the search path once.
+    const bool fetched = owner && record_at > 0 && g_fetched.mapping == g_map.serial &&
+                         g_fetched.record == record_at && g_fetched.resets == record_resets;
+    if (search_again && !fetched) {
+      g_fetched = {};
+      if (!fetch(type, rec)) return kNoFormat;
+      if (owner && record_at > 0) g_fetched = {g_map.serial, record_at, record_resets};
+    }
   }
   trace("INFO: file Type path got.", "");
   if (!search_again) {
@@ -246,7 +304,7 @@ char *search(const char *type, const char *name, int origin) {
     if (net_marker(r)) {
       if (download >= -1 && !reads.failed()) {
         CacheGuard guard;
-        const FormatWords w = read_record(FormatPath(program_key(), type));
+        const FormatWords w = read_record(current_record());
         if (w.answers != 0) {
           const int32_t c = lru_lookup(w.answers, name);
           const char *cached = c > 1 ? text_at(c) : nullptr;
@@ -259,6 +317,7 @@ char *search(const char *type, const char *name, int origin) {
       if (download > 0) {
         auto_download(r);
         download = -2;
+        g_fetched = {};
         if (!refetch(type, rec)) return kNoFormat;
         continue;
       }
@@ -269,10 +328,11 @@ char *search(const char *type, const char *name, int origin) {
       }
     }
 
-    if (r != nullptr) Process_Mirror(r);
+    if (r != nullptr && !no_mirrors) Process_Mirror(r);
     if (may_make && r == nullptr && !rec.make.empty()) {
       auto_make(rec.make.c_str(), name, to_window);
       may_make = false;
+      g_fetched = {};
       if (!refetch(type, rec)) return kNoFormat;
       continue;
     }
@@ -281,7 +341,7 @@ char *search(const char *type, const char *name, int origin) {
 
   if (!reads.failed()) {
     CacheGuard guard;
-    const FormatWords w = read_record(FormatPath(program_key(), type));
+    const FormatWords w = read_record(current_record());
     if (w.answers != 0) {
       const int32_t c = lru_lookup(w.answers, name);
       if (c > 1) {

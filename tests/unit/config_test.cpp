@@ -295,13 +295,13 @@ TEST(ConfigModeration, OnlyListedVariablesComeFromTheEnvironment) {
             std::tuple(1, "ini", "/env/source"));
 }
 
-// After the stamp word (4 bytes) at the mark: the root list (18), the
-// common table (2852), the folder's text, the SELFAUTOPARENT entry (14 + 12)
+// After the stamp word (4 bytes) at the mark: the root list (19), the
+// common table (2852), the folder's text, the SELFAUTOPARENT entry (14 + 9)
 // and the section directory.
 TEST_F(ConfigTest, ResetRebuildsTheStartingPointsAtFixedOffsets) {
   const int mark = hdr(Word::Mem_Mark), resets = hdr(Word::Reset_Count);
   const int folder = static_cast<int>(env.box.root().size());
-  const std::tuple expected{mark + 4, mark + 4 + 18, mark + 4 + 18 + 2852 + folder + 1 + 26};
+  const std::tuple expected{mark + 4, mark + 4 + 19, mark + 4 + 19 + 2852 + folder + 1 + 23};
   EXPECT_EQ(std::tuple(hdr(Word::Root_LRU), hdr(Word::Common_Hash), SectDir), expected);
   EXPECT_STREQ(QDMValue("Common", "SELFAUTOPARENT"), env.box.root().c_str());
   const int total = QDMMsgInfo()[1];

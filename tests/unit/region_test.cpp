@@ -124,11 +124,11 @@ TEST(Attach, KnobsAreValidated) {
 // mapped nor changed, and the program works on a private region or (another
 // layout version) refuses to start.
 TEST(Attach, PlantedRegions) {
-  const std::string small = "is smaller than the mapped length", other = "is owned by another user", refused = "";
+  const std::string small = "is too small for a region", other = "is owned by another user", refused = "";
   const struct { off_t size; int32_t version, mark; uid_t owner; const std::string *why; } cases[] = {
-      {8000000, 9, 0, 0, nullptr}, {8000000, 0, 7, 0, nullptr}, {128, 9, 5000, 0, &small},
-      {7999999, 9, 5000, 0, &small}, {8000000, 9, 5000, 54321, &other}, {8000000, 8, 5000, 0, &refused},
-      {8000000, 10, 0, 0, &refused}, {8000000, INT32_MAX, 1, 0, &refused}};
+      {8000000, 10, 0, 0, nullptr}, {8000000, 0, 7, 0, nullptr}, {128, 10, 5000, 0, &small},
+      {1048575, 10, 5000, 0, &small}, {8000000, 10, 5000, 54321, &other}, {8000000, 8, 5000, 0, &refused},
+      {8000000, 9, 0, 0, &refused}, {8000000, INT32_MAX, 1, 0, &refused}};
   for (const auto &c : cases) {
     if (c.owner != 0 && geteuid() != 0) continue;  // planting for another user needs root
     test::Sandbox box;
@@ -183,6 +183,7 @@ TEST(Attach, TooSmallSharedMemoryIsReported) {
 }
 
 struct RegionTest : ::testing::Test {
+  test::ScopedEnv fixed{"TROVALIS_MAP_SIZE", "8000000"};  // a full arena stays full
   test::AttachedTest attached{"[QDM]\nls-R=$SELFAUTOPARENT/texmf\ntfm=$SELFAUTOPARENT/texmf//+.tfm\n"};
 };
 
