@@ -15,8 +15,7 @@ namespace trv::fuzz {
 // is a finding; returning is a pass.
 void fuzz_region(const uint8_t *data, size_t size);   // damaged region images
 void fuzz_ini(const uint8_t *data, size_t size);      // INI reader and writer
-void fuzz_lsr(const uint8_t *data, size_t size);      // ls-R reader
-void fuzz_alias(const uint8_t *data, size_t size);    // alias readers
+void fuzz_db(const uint8_t *data, size_t size);       // ls-R and alias readers
 void fuzz_expand(const uint8_t *data, size_t size);   // var_expand
 void fuzz_qdmfind(const uint8_t *data, size_t size);  // front-end requests
 
@@ -25,8 +24,8 @@ struct Target {
   void (*run)(const uint8_t *, size_t);
 };
 inline constexpr Target kTargets[] = {
-    {"region", fuzz_region}, {"ini", fuzz_ini},       {"lsr", fuzz_lsr},
-    {"alias", fuzz_alias},   {"expand", fuzz_expand}, {"qdmfind", fuzz_qdmfind},
+    {"region", fuzz_region}, {"ini", fuzz_ini},         {"db", fuzz_db},
+    {"expand", fuzz_expand}, {"qdmfind", fuzz_qdmfind},
 };
 
 // A directory holding a small installation (TEXMF.INI, a texmf tree with

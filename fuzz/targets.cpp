@@ -171,50 +171,33 @@ void fuzz_ini(const uint8_t *data, size_t size) {
   }
 }
 
-// The ls-R reader. The input, loaded into a fresh database table, must
-// leave the region sound; its first and last lines are then looked up under
-// the file's own root and below it.
-void fuzz_lsr(const uint8_t *data, size_t size) {
-  const std::string root = scratch() + "/lsr/";
-  restore();
-  const std::string file = write_scratch("lsr/ls-R", data, size);
-  const int table = hash_create(kDbBuckets);
-  FUZZ_CHECK(table > 0);
-  set_hdr(Word::DB_Hash, table);
-  const int loaded = db_build(table, file.c_str());
-  FUZZ_CHECK(loaded == 0 || loaded == 1);
-  check_sound();
-  const std::string text = bytes(data, size);
-  const size_t last = text.find_last_of('\n', text.size() >= 2 ? text.size() - 2 : 0);
-  for (std::string name : {text.substr(0, text.find('\n')),
-                           last == std::string::npos ? text : text.substr(last + 1)}) {
-    name = name.substr(0, name.find_first_of(std::string("\r\n\0", 3)));
-    name.resize(std::min(name.size(), size_t{PieceReader::kPiece}));
-    for (const std::string &element : {root, root + "sub//", root + "//"}) search(name, element);
-  }
-}
-
-// The alias readers. The first byte chooses the plain "aliases" list (even)
-// or "aliases.ini" (odd); the rest is the file, loaded into a fresh alias
-// table. The region must stay sound and every key the file could have made
-// must be answered, found or not, through the aliases.
-void fuzz_alias(const uint8_t *data, size_t size) {
+// The database readers. The first byte chooses the file by its value mod 3:
+// an ls-R, a plain "aliases" list or "aliases.ini"; the rest, loaded into a
+// fresh table, must leave the region sound. Then every name the file could
+// hold (the words of its first 2000 bytes) is looked up below the file's own
+// root and, through the aliases, in the fonts.
+void fuzz_db(const uint8_t *data, size_t size) {
   if (size == 0) return;
-  scratch();
+  const int kind = data[0] % 3;
+  const std::string root = scratch() + "/db/", fonts = scratch() + "/texmf/fonts//";
   restore();
-  const bool profile = data[0] % 2 == 1;
-  const std::string file = write_scratch(profile ? "alias/aliases.ini" : "alias/aliases", data + 1, size - 1);
+  const char *const names[] = {"db/ls-R", "db/aliases", "db/aliases.ini"};
+  const std::string file = write_scratch(names[kind], data + 1, size - 1);
   forget_ini_copies();
-  const int table = hash_create(kAliasBuckets);
+  const int table = hash_create(kind == 0 ? kDbBuckets : kAliasBuckets);
   FUZZ_CHECK(table > 0);
-  set_hdr(Word::Alias_Hash, table);
-  FUZZ_CHECK((profile ? alias_ini_build(table, file.c_str()) : alias_build(table, file.c_str())) == 1);
+  set_hdr(kind == 0 ? Word::DB_Hash : Word::Alias_Hash, table);
+  const int loaded = kind == 0   ? db_build(table, file.c_str())
+                     : kind == 1 ? alias_build(table, file.c_str())
+                                 : alias_ini_build(table, file.c_str());
+  FUZZ_CHECK(loaded == 1 || (kind == 0 && loaded == 0));
   check_sound();
   const std::string text = bytes(data + 1, size - 1);
   for (size_t at = 0; at < text.size() && at < 2000;) {
-    size_t end = text.find_first_of(std::string(" \t\n=\0", 5), at);
-    if (end == std::string::npos) end = text.size();
-    if (end > at) search(text.substr(at, end - at), scratch() + "/texmf/fonts//");
+    const size_t end = std::min(text.find_first_of(std::string(" \t\r\n=\0", 6), at), text.size());
+    const std::string name = text.substr(at, std::min(end - at, size_t{PieceReader::kPiece}));
+    for (const std::string &element : {root, root + "sub//", root + "//", fonts})
+      if (!name.empty()) search(name, element);
     at = end + 1;
   }
 }

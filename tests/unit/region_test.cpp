@@ -277,32 +277,5 @@ TEST_F(RegionTest, MessagesFramesAndPools) {
   EXPECT_EQ(_QDMMessage("s", "t", 1), 0);
 }
 
-// An arena filled to the pool by cached misses: what no longer fits is
-// refused with the exhaustion line, nothing is written past the arena, what
-// was cached stays answered, full is not damage, and a reset makes room.
-TEST_F(RegionTest, FullArenaRefusesCleanlyAndKeepsWhatItHolds) {
-  for (const char *f : {"texmf/ls-R", "texmf/cmr10.tfm"}) attached.box.write(f, "./:\ncmr10.tfm\n");
-  ASSERT_STREQ(QDMFind("!Finish"), "[QDM is Finished NOW]");  // a reset, to read ls-R
-  ASSERT_STREQ(QDMSearch("tfm", "cmr10"), attached.box.path("texmf/cmr10.tfm").c_str());
-  set_hdr(Word::Pool_Low, hdr(Word::Mem_Used) + 20000);
-  ASSERT_EQ(QDMAddToPool("Pooled Font"), 11);
-  const int32_t low = hdr(Word::Pool_Low);
-  const uint32_t damage = damage_seen();
-  const std::string top(at(low, 1), static_cast<size_t>(data_bytes() - low));
-  for (int i = 0, still = 0; still < 20 && i < 1000; ++i) {  // long names fill the arena in few entries
-    const int32_t before = hdr(Word::Mem_Used);
-    EXPECT_EQ(QDMSearch("tfm", (std::string(150, 'p') + std::to_string(i)).c_str()), nullptr);
-    still = hdr(Word::Mem_Used) == before ? still + 1 : 0;
-  }
-  EXPECT_GT(hdr(Word::Mem_Used), low - 200);  // really full: no room for another entry
-  EXPECT_EQ(std::string(at(low, 1), top.size()), top);
-  EXPECT_STREQ(QDMSearch("tfm", "cmr10"), attached.box.path("texmf/cmr10.tfm").c_str());
-  EXPECT_EQ(newest(), kExhausted);
-  EXPECT_EQ(damage_seen(), damage);
-  EXPECT_EQ(check_region().fault, Fault::None) << check_region().what;
-  EXPECT_STREQ(QDMFind("!Finish"), "[QDM is Finished NOW]");  // a reset gives the arena back
-  EXPECT_LT(hdr(Word::Mem_Used), low - 10000);
-}
-
 }  // namespace
 }  // namespace trv

@@ -32,10 +32,11 @@ off_t object_size(const std::string &name) {
   return ok ? st.st_size : -1;
 }
 
-// With no room left, a search is still answered (from the database, then
-// from the disk), logs the exhaustion line and caches nothing. With the size
-// fixed the region stays full until a reset; otherwise the next search
-// replaces it by one of twice the size, and caching resumes.
+// With no room left, a search is still answered (from the cache, the
+// database, then the disk), logs the exhaustion line, caches nothing and
+// writes nothing past the arena; full is not damage. With the size fixed
+// the region stays full until a reset; otherwise the next search replaces
+// it by one of twice the size, and caching resumes.
 TEST(FullRegion, SearchesWithoutCaching) {
   for (const bool fixed : {true, false}) {
     test::ScopedEnv size("TROVALIS_MAP_SIZE", fixed ? "8000000" : nullptr);
@@ -45,7 +46,12 @@ TEST(FullRegion, SearchesWithoutCaching) {
     env.box.write("disk/a.tfm", "x");
     { CacheGuard g; QDMReset(); }
     QDMSetMessageTap(tap);
-    { CacheGuard g; salloc(hdr(Word::Pool_Low) - hdr(Word::Mem_Used) - 1); }
+    QDMSearch("tfm", "cmr10");
+    ASSERT_EQ(QDMAddToPool("Pooled Font"), 11);
+    const int32_t low = hdr(Word::Pool_Low);
+    const std::string top(at(low, 1), static_cast<size_t>(data_bytes() - low));
+    const uint32_t damage = damage_seen();
+    { CacheGuard g; salloc(low - hdr(Word::Mem_Used) - 1); }
     const int used = hdr(Word::Mem_Used);
     g_log.clear();
     for (const char *name : {"cmr10", "a", "cmr10"}) {
@@ -55,6 +61,8 @@ TEST(FullRegion, SearchesWithoutCaching) {
     EXPECT_THAT(g_log, ::testing::HasSubstr("ERROR: too few shared memmory, extend it.|"));
     EXPECT_EQ(hdr(Word::Mem_Used) == used, fixed);
     EXPECT_EQ(object_size(env.box.region_name()), fixed ? 8000000 : 16000000);
+    EXPECT_TRUE(!fixed || std::string(at(low, 1), top.size()) == top);
+    EXPECT_EQ(damage_seen(), damage);
     if (fixed) { CacheGuard g; QDMReset(); }
     QDMSearch("tfm", "a");
     g_log.clear();
