@@ -616,6 +616,12 @@ bool grow_region(int64_t bytes) {
     Map_Size = View_Len = static_cast<int>(old.length);
     g_private = was_private;
     g_growth_failed = true;
+    // The name no longer leads here. Rather than go on apart from the
+    // processes that start now (a file entered in one cache would leave its
+    // miss in the other), every process that maps this region, this one
+    // included, moves at its next take of the lock to whatever the name
+    // leads to then.
+    if (!was_private) storei(old.base + 4 * static_cast<int>(Word::Version), kReplacedVersion);
     return false;
   }
   carry_over(old.base);
