@@ -21,6 +21,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
+. bench/common.sh
 
 runs=20
 output=$root/BENCHMARKS.md
@@ -46,10 +47,6 @@ if [ -n "$missing" ]; then
   exit 1
 fi
 
-echo "Building (Release) ..."
-cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DTROVALIS_BUILD_TESTS=OFF \
-  -DTROVALIS_BUILD_BENCHMARKS=ON >/dev/null
-cmake --build build-bench >/dev/null
 
 files=400000
 if [ ! -f "$tree/.complete" ]; then
@@ -77,18 +74,9 @@ open(os.path.join(tree, ".complete"), "w").close()
 PY
 fi
 
-work=$(mktemp -d)
-export TROVALIS_INSTANCE=scale$$
-export APPDATA=$work/user
+private_instance scale
 unset TROVALIS_MAP_SIZE
-uid=$(id -u)
-region=/dev/shm/zelvan-tds-mem-$uid-$TROVALIS_INSTANCE
-lock=/dev/shm/sem.zelvan-tds-cache-$uid-$TROVALIS_INSTANCE
-holder=/dev/shm/zelvan-tds-cache-$uid-$TROVALIS_INSTANCE.holder
-cleanup() { rm -rf "$work"; rm -f "$region" "$lock" "$holder"; }
-trap cleanup EXIT
-
-cmake --install build-bench --prefix "$work/dist" >/dev/null
+build_and_install
 T=$work/dist/bin/trovalis
 mkdir -p "$work/cwd" "$APPDATA/Zelvan TeX"
 : > "$APPDATA/Zelvan TeX/TEXMF.INI"

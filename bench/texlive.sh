@@ -12,11 +12,13 @@
 #   (d) the cached hit inside one process (Google Benchmark).
 #
 # Usage: bench/texlive.sh [--runs N] [--output FILE]
-# Installs hyperfine and TeX Live from Debian's packages when they are
-# missing. Run it on a quiet machine: every figure is a wall-clock time.
+# Installs TeX Live and libkpathsea's headers from Debian's packages when they
+# are missing; needs hyperfine. Run it on a quiet machine: every figure is a
+# wall-clock time.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
+. bench/common.sh
 
 runs=20
 output=$root/BENCHMARKS.md
@@ -44,22 +46,9 @@ if ! command -v hyperfine >/dev/null; then
   exit 1
 fi
 
-echo "Building (Release) ..."
-cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DTROVALIS_BUILD_TESTS=OFF \
-  -DTROVALIS_BUILD_BENCHMARKS=ON >/dev/null
-cmake --build build-bench >/dev/null
 
-work=$(mktemp -d)
-export TROVALIS_INSTANCE=bench$$
-export APPDATA=$work/user
-uid=$(id -u)
-region=/dev/shm/zelvan-tds-mem-$uid-$TROVALIS_INSTANCE
-lock=/dev/shm/sem.zelvan-tds-cache-$uid-$TROVALIS_INSTANCE
-holder=/dev/shm/zelvan-tds-cache-$uid-$TROVALIS_INSTANCE.holder
-cleanup() { rm -rf "$work"; rm -f "$region" "$lock" "$holder"; }
-trap cleanup EXIT
-
-cmake --install build-bench --prefix "$work/dist" >/dev/null
+private_instance bench
+build_and_install
 T=$work/dist/bin/trovalis
 "$T" init -o "$work/dist/TEXMF.INI" >/dev/null
 mkdir -p "$work/cwd" "$APPDATA/Zelvan TeX"
